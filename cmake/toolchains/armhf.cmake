@@ -1,0 +1,20 @@
+# Cross build for 32-bit Arm hard-float (arm-linux-gnueabihf) with Debian's
+# cross compiler and the :armhf multiarch packages of the dependencies.
+# ctest runs the Arm test programs under qemu-arm.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR arm)
+set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
+
+set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
+set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+
+# Sysroot of the cross tool chain's C library; the multiarch libraries of the
+# :armhf packages are found through their usual /usr/lib/arm-linux-gnueabihf.
+set(PAVO_ARMHF_SYSROOT /usr/arm-linux-gnueabihf)
+set(CMAKE_FIND_ROOT_PATH ${PAVO_ARMHF_SYSROOT} /)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L ${PAVO_ARMHF_SYSROOT})

@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# Installs every Debian package that building, testing, benchmarking and fuzzing need.
+# Idempotent: packages already present are left alone. Runs as root or through sudo.
+#
+# Usage: scripts/setup.sh [--no-arm]
+#   --no-arm  skip the 32-bit Arm cross tool chain and qemu (x86-64 work only)
+set -euo pipefail
+
+with_arm=1
+for arg in "$@"; do
+  case "$arg" in
+    --no-arm) with_arm=0 ;;
+    -h|--help) sed -n '2,7p' "$0"; exit 0 ;;
+    *) echo "setup.sh: unknown argument '$arg'" >&2; exit 2 ;;
+  esac
+done
+
+sudo_cmd=()
+if [ "$(id -u)" -ne 0 ]; then sudo_cmd=(sudo); fi
+apt_get() { "${sudo_cmd[@]}" env DEBIAN_FRONTEND=noninteractive apt-get "$@"; }
+
+host_pkgs=(cmake make g++ pkg-config libjsoncpp-dev libgtest-dev libgmock-dev libbenchmark-dev
+           clang libclang-rt-dev util-linux iproute2)
+arm_pkgs=(g++-arm-linux-gnueabihf qemu-user libjsoncpp-dev:armhf libgtest-dev:armhf libgmock-dev:armhf)
+
+missing() {
+  local p out=()
+  for p in "$@"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || out+=("$p")
+  done
+  printf '%s\n' "${out[@]}"
+}
+
+if [ "$with_arm" = 1 ] && ! dpkg --print-foreign-architectures | grep -qx armhf; then
+  "${sudo_cmd[@]}" dpkg --add-architecture armhf
+  need_update=1
+fi
+
+wanted=("${host_pkgs[@]}")
+[ "$with_arm" = 1 ] && wanted+=("${arm_pkgs[@]}")
+mapfile -t todo < <(missing "${wanted[@]}")
+if [ "${#todo[@]}" -gt 0 ] && [ "${todo[0]}" != "" ] || [ "${need_update:-0}" = 1 ]; then
+  # A partly failed index (one mirror unreachable) is not fatal: the install below tells
+  # whether what we need could be found.
+  apt_get update || echo "setup.sh: apt-get update reported errors; trying the installs anyway" >&2
+  mapfile -t todo < <(missing "${wanted[@]}")
+  if [ "${#todo[@]}" -gt 0 ] && [ -n "${todo[0]}" ]; then
+    apt_get install -y --no-install-recommends "${todo[@]}"
+  fi
+fi
+echo "setup.sh: all build and test packages present"
