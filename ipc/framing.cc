@@ -1,9 +1,11 @@
 #include "ipc/framing.h"
 
+#include <sched.h>
 #include <sys/msg.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -28,6 +30,25 @@ int try_send(int queue_id, pavo_ipc_frame* frame, uint32_t chunk_size) {
   return errno;
 }
 
+// A full queue at the first attempt is nearly always one whose reader is
+// about to drain it: a reader on another core that has not woken up yet, or
+// one that has not had the CPU since the sender filled the queue. A short
+// grace period of retries, yielding the CPU in between, lets it run and
+// saves the 50 ms resend pause; only a queue that stays full through the
+// grace period is treated as full.
+constexpr auto kFullQueueGrace = std::chrono::microseconds(2000);
+
+int send_with_grace(int queue_id, pavo_ipc_frame* frame, uint32_t chunk_size) {
+  int err = try_send(queue_id, frame, chunk_size);
+  if (err != EAGAIN) return err;
+  const auto give_up = std::chrono::steady_clock::now() + kFullQueueGrace;
+  do {
+    sched_yield();
+    err = try_send(queue_id, frame, chunk_size);
+  } while (err == EAGAIN && std::chrono::steady_clock::now() < give_up);
+  return err;
+}
+
 // Up to five resends, each after a 50 ms pause. Returns 0 once one succeeds,
 // else the errno of the last failure.
 int resend(int queue_id, pavo_ipc_frame* frame, uint32_t chunk_size) {
@@ -45,7 +66,7 @@ int resend(int queue_id, pavo_ipc_frame* frame, uint32_t chunk_size) {
 // Sends one frame under the intermediate or the final policy. Returns 0 or
 // the errno of the attempt that gave up.
 int send_frame(int queue_id, pavo_ipc_frame* frame, uint32_t chunk_size, bool final_frame) {
-  int err = try_send(queue_id, frame, chunk_size);
+  int err = send_with_grace(queue_id, frame, chunk_size);
   if (err == 0) return 0;
   usleep(kResendPause);
   if (err == EAGAIN) {

@@ -24,8 +24,9 @@ struct SendOutcome {
 };
 
 // Sends `message` as frames of `kind`. Never blocks in the kernel: a frame
-// that finds the queue full is resent at most five times, 50 ms apart (a
-// final frame only for EAGAIN), then abandoned. Returns kOk also when a frame
+// that finds the queue full is retried for a grace period of 2 ms (yielding
+// the CPU, so that the reader can drain the queue), then resent at most five
+// times, 50 ms apart (a final frame only for EAGAIN), then abandoned. Returns kOk also when a frame
 // was abandoned; kBadArgument for a null message (or null data with a
 // nonzero length), chunk size 0 or a negative mtype; kNoMemory.
 SendOutcome send_message(int queue_id, long mtype, uint32_t chunk_size, const pavo_ipc_msg* message,
