@@ -30,7 +30,16 @@ install(FILES
   DESTINATION ${PAVO_INSTALL_CMAKEDIR})
 
 # pkg-config paths: absolute install directories are used as they are,
-# relative ones are taken below ${prefix}.
+# relative ones are taken below ${prefix}, which is found from the file's own
+# place (${pcfiledir}), so that an install with `cmake --install --prefix`
+# or DESTDIR stays correct.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(PAVO_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+else()
+  file(RELATIVE_PATH _pc_up "/root/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/root")
+  string(REGEX REPLACE "/$" "" _pc_up "${_pc_up}")
+  set(PAVO_PC_PREFIX "\${pcfiledir}/${_pc_up}")
+endif()
 foreach(_dir LIBDIR INCLUDEDIR)
   if(IS_ABSOLUTE "${CMAKE_INSTALL_${_dir}}")
     set(PAVO_PC_${_dir} "${CMAKE_INSTALL_${_dir}}")
