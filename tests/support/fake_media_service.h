@@ -1,0 +1,155 @@
+// A scripted stand-in of the media-player service, for tests that drive the
+// library's media-player client.
+//
+// It speaks the wire protocol only: System V queues with the fixed keys and
+// the transport's frame layout (chunk size 1024, message type 1). It owns the
+// service-side queues:
+//   0x95000100  the library's requests (read here)
+//   0x95000101  the replies to them (written here)
+//   0x95000080  the library's one-way notices (read here)
+// and talks to the library's own servers:
+//   0x95000070  events (one-way frames written here)
+//   0x95000090  service requests (written here; replies read from 0x95000091)
+//
+// Two threads of its own read requests and notices while the object lives.
+// Every request is recorded, as text and as parsed JSON, and answered from
+// the script: per "event_type" a fixed Answer or a function of the request;
+// without a script entry the answer is {"ret":0}.
+//
+// Use: construct the service before Pavo_MediaPlayer_IPC_Initialize and
+// destroy it after Pavo_MediaPlayer_IPC_Finalize. The destructor removes the
+// three service-side queues; a library client that is still open then loses
+// its next request. Queues of the library's servers (0x95000070, 0x95000090,
+// 0x95000091) are left to the test. The fixed keys make every test that uses
+// this class an ISOLATED one.
+//
+// Thread safety: every member function may be called from any thread.
+// Scripted functions run on the request thread, one request at a time.
+#ifndef PAVO_TESTS_SUPPORT_FAKE_MEDIA_SERVICE_H
+#define PAVO_TESTS_SUPPORT_FAKE_MEDIA_SERVICE_H
+
+#include <json/json.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace pavo::test {
+
+// The service's answer to one request.
+struct Answer {
+  enum class Kind {
+    kReply,    // a reply frame (kind 3) carrying `text`
+    kNoReply,  // the no-reply answer: kind 4, text "a" with its NUL
+    kNone,     // nothing at all: the library waits until its reply time-out
+  };
+  Kind kind = Kind::kReply;
+  std::string text;                      // the reply's bytes (kReply)
+  std::chrono::milliseconds delay{0};    // wait this long before answering
+
+  // A reply rendered from `reply` (jsoncpp's styled layout).
+  static Answer json(const Json::Value& reply, std::chrono::milliseconds delay = {});
+  // A reply of exactly these bytes (need not be JSON; may hold NULs).
+  static Answer text_reply(std::string text, std::chrono::milliseconds delay = {});
+  static Answer no_reply();
+  static Answer none();
+};
+
+// One message received from the library.
+struct Received {
+  std::string text;  // the bytes as they arrived (frame total)
+  Json::Value json;  // parsed `text`; null when it is not JSON
+  bool parsed = false;
+  int kind = 0;      // frame kind of the final frame (2 request, 1 notice)
+};
+
+// What the library answered to a service request.
+struct ServiceReply {
+  int kind = 0;      // 3 reply, 4 no-reply answer
+  std::string text;  // up to its NUL
+};
+
+class FakeMediaService {
+ public:
+  static constexpr int kRequestKey = 0x95000100;
+  static constexpr int kNoticeKey = 0x95000080;
+  static constexpr int kEventKey = 0x95000070;
+  static constexpr int kServiceRequestKey = 0x95000090;
+
+  using Responder = std::function<Answer(const Json::Value& request)>;
+
+  // Creates the three service-side queues (emptied if they existed) and
+  // starts the reading threads. Aborts the test program if a queue cannot be
+  // created.
+  FakeMediaService();
+  // Stops the threads and removes the three service-side queues.
+  ~FakeMediaService();
+  FakeMediaService(const FakeMediaService&) = delete;
+  FakeMediaService& operator=(const FakeMediaService&) = delete;
+
+  // ---- Script (replaces any earlier entry for the same "event_type") ----
+  void script(int event_type, Answer answer);
+  void script(int event_type, Responder responder);
+  // Forgets every entry: all commands are answered {"ret":0} again.
+  void clear_script();
+
+  // ---- What arrived ----
+  // Requests on 0x95000100, oldest first.
+  std::vector<Received> requests() const;
+  // Blocks until at least `count` requests have arrived in total, at most
+  // `limit`. Returns whether they did.
+  bool wait_for_requests(std::size_t count,
+                         std::chrono::milliseconds limit = std::chrono::seconds(5)) const;
+  // One-way notices on 0x95000080, oldest first, and the wait for them.
+  std::vector<Received> notices() const;
+  bool wait_for_notices(std::size_t count,
+                        std::chrono::milliseconds limit = std::chrono::seconds(5)) const;
+  // Number of requests answered (with a reply or a no-reply answer) so far.
+  std::size_t answered() const;
+  // Forgets the recorded requests and notices (counts start from 0 again).
+  void clear_records();
+
+  // ---- Service to library ----
+  // Sends an event as one-way frames (kind 1) to 0x95000070. Returns false
+  // if the queue does not exist or a frame could not be queued within a
+  // second.
+  bool send_event(const Json::Value& event) const;
+  bool send_event_text(const std::string& bytes) const;
+  // Sends a service request (kind 2) to 0x95000090 and waits at most `limit`
+  // for the answer on 0x95000091. Empty when the queues do not exist or no
+  // answer came in time. One service request at a time.
+  std::optional<ServiceReply> send_service_request(
+      const std::string& bytes, std::chrono::milliseconds limit = std::chrono::seconds(5)) const;
+
+ private:
+  void serve_requests();
+  void record_notices();
+  Answer answer_for(int event_type, const Json::Value& request);
+
+  int request_queue_ = -1;
+  int reply_queue_ = -1;
+  int notice_queue_ = -1;
+
+  mutable std::mutex mutex_;
+  mutable std::condition_variable arrived_;
+  std::map<int, Responder> script_;  // guarded by mutex_
+  std::vector<Received> requests_;   // guarded by mutex_
+  std::vector<Received> notices_;    // guarded by mutex_
+  std::size_t answered_ = 0;         // guarded by mutex_
+  bool stopping_ = false;            // guarded by mutex_
+  mutable std::mutex service_request_mutex_;
+
+  std::thread request_thread_;
+  std::thread notice_thread_;
+};
+
+}  // namespace pavo::test
+
+#endif  // PAVO_TESTS_SUPPORT_FAKE_MEDIA_SERVICE_H
