@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <string>
 
+#include "pavo_drm_types.h" /* PavoDrmEvent, PavoDrmEventInfo, PavoDrmCallback */
+
 /* Video window rectangle, in the caller's coordinates. */
 typedef struct PavoRect {
   int32_t x;
@@ -158,31 +160,5 @@ typedef union PavoMSEventInfo {
 
 typedef void (*PavoMediaSyncCallback)(PavoMediaSyncMsgType type, const PavoMSEventInfo* info,
                                       const void* user_data);
-
-/* DRM events. */
-typedef enum PavoDrmEvent : int32_t {
-  PAVO_DRM_EVENT_MESSAGE_RESULT = 0,
-  PAVO_DRM_EVENT_SYSTEM_MESSAGE = 1,
-  PAVO_DRM_EVENT_SYSTEM_STATUS_CHANGE = 2
-} PavoDrmEvent;
-
-/* Record of a DRM event; strings are valid only during the callback. */
-typedef union PavoDrmEventInfo {
-  struct {
-    const char* msgId;
-    const char* resultMsg;
-    int32_t resultCode;
-  } messageResult; /* PAVO_DRM_EVENT_MESSAGE_RESULT */
-  struct {
-    const char* msg;
-    const char* sysId;
-  } systemMessage; /* PAVO_DRM_EVENT_SYSTEM_MESSAGE */
-  struct {
-    const char* sysId;
-  } statusChange; /* PAVO_DRM_EVENT_SYSTEM_STATUS_CHANGE */
-} PavoDrmEventInfo;
-
-typedef void (*PavoDrmCallback)(PavoDrmEvent event, const PavoDrmEventInfo* info,
-                                const void* user_data);
 
 #endif /* PAVO_MEDIA_TYPES_H */

@@ -1,0 +1,111 @@
+// Opening and closing the four endpoints: repeated calls, and a failed
+// Initialize that keeps what it opened first and is completed later.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+
+#include "client_fixture.h"
+#include "mediaplayer_ipc/registry.h"
+
+namespace {
+
+using pavo::test::Answer;
+using pavo::test::FakeMediaService;
+
+pavo_ipc_client* request_handle() { return __atomic_load_n(&g_mediaplayer_ipc_client_handle, __ATOMIC_ACQUIRE); }
+pavo_ipc_client* notice_handle() {
+  return __atomic_load_n(&g_mediaplayer_ipc_client_async_handle, __ATOMIC_ACQUIRE);
+}
+
+void player_cb(PavoMediaPluginEvent, PavoMediaError, const void*, int, double) {}
+
+class Lifecycle : public ::testing::Test {
+ protected:
+  pavo::test::ScopedQueues event_queue_{FakeMediaService::kEventKey};
+  pavo::test::ScopedQueues request_queues_{FakeMediaService::kServiceRequestKey};
+  FakeMediaService service_;
+};
+
+TEST_F(Lifecycle, InitializeTwiceOpensOnceAndFinalizeClosesEverything) {
+  ASSERT_EQ(Pavo_MediaPlayer_IPC_Initialize(1), 0);
+  pavo_ipc_client* const opened = request_handle();
+  ASSERT_EQ(Pavo_MediaPlayer_IPC_Initialize(7), 0);
+  EXPECT_EQ(request_handle(), opened);
+  ASSERT_NE(notice_handle(), nullptr);
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_Play(1), 0);
+  const auto answered = service_.send_service_request(R"({"event_type":7})");
+  ASSERT_TRUE(answered.has_value());
+  EXPECT_EQ(answered->kind, 3);
+
+  Pavo_MediaPlayer_IPC_RegisterCallback(1, player_cb, nullptr);
+  Pavo_MediaPlayer_IPC_RegisterCallback(2, player_cb, nullptr);
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_Finalize(), 0);
+  EXPECT_EQ(request_handle(), nullptr);
+  EXPECT_EQ(notice_handle(), nullptr);
+  EXPECT_EQ(pavo::mediaplayer::player_count(), 0u);
+  EXPECT_EQ(__atomic_load_n(&g_mediaplayer_cb, __ATOMIC_ACQUIRE), player_cb) << "the slot is kept";
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_Play(1), -3);
+  EXPECT_FALSE(service_.send_service_request(R"({"event_type":7})", std::chrono::milliseconds(200)))
+      << "nobody serves the request queue any more";
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_Finalize(), 0);
+}
+
+// Limits the number of queues of this IPC namespace for its lifetime.
+class QueueLimit {
+ public:
+  explicit QueueLimit(int more) {
+    std::ifstream in(kPath);
+    in >> saved_;
+    ok_ = static_cast<bool>(in) && set(existing() + more);
+  }
+  ~QueueLimit() {
+    if (ok_) set(saved_);
+  }
+  bool ok() const { return ok_; }
+
+ private:
+  static constexpr const char* kPath = "/proc/sys/kernel/msgmni";
+  static int existing() {
+    std::ifstream list("/proc/sysvipc/msg");
+    std::string line;
+    int n = -1;  // a header line
+    while (std::getline(list, line)) ++n;
+    return n;
+  }
+  static bool set(int limit) {
+    std::ofstream out(kPath);
+    out << limit;
+    out.close();
+    return static_cast<bool>(out);
+  }
+  int saved_ = 0;
+  bool ok_ = false;
+};
+
+TEST_F(Lifecycle, AFailedInitializeKeepsTheRequestEndpointsAndIsCompletedLater) {
+  {
+    QueueLimit none(0);
+    if (!none.ok()) GTEST_SKIP() << "the queue limit of this namespace cannot be changed";
+    EXPECT_EQ(Pavo_MediaPlayer_IPC_Initialize(1), -1);
+    EXPECT_EQ(request_handle(), nullptr);
+    EXPECT_EQ(Pavo_MediaPlayer_IPC_Play(1), -3);
+  }
+  {
+    QueueLimit two(2);  // the request server's pair, not the event queue
+    ASSERT_TRUE(two.ok());
+    EXPECT_EQ(Pavo_MediaPlayer_IPC_Initialize(1), -1);
+    EXPECT_EQ(Pavo_MediaPlayer_IPC_Play(1), 0) << "request client and server stay open";
+    EXPECT_TRUE(service_.send_service_request(R"({"event_type":7})").has_value());
+    EXPECT_EQ(notice_handle(), nullptr);
+    EXPECT_EQ(Pavo_MediaPlayer_IPC_PlatformSubtitleEnable(true), -3);
+  }
+  pavo_ipc_client* const kept = request_handle();
+  ASSERT_EQ(Pavo_MediaPlayer_IPC_Initialize(1), 0);
+  EXPECT_EQ(request_handle(), kept);
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_PlatformSubtitleEnable(true), 0);
+  EXPECT_TRUE(service_.wait_for_notices(1));
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_Finalize(), 0);
+}
+
+}  // namespace
