@@ -17,4 +17,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L ${PAVO_ARMHF_SYSROOT})
+# Programs run against the run-time root of the :armhf multiarch packages,
+# which is "/": the Arm dynamic loader /lib/ld-linux-armhf.so.3 and every Arm
+# library (libc, libstdc++, jsoncpp) come from the same Debian packages there.
+# (The cross tool chain's own sysroot holds a loader too, but mixing it with
+# the multiarch libraries crashes at the first thread.)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L /)

@@ -27,9 +27,14 @@ using namespace std::chrono_literals;
 
 constexpr uint32_t kN = 1024;
 
+// The message refers to the text: string literals, or strings that outlive it.
+pavo_ipc_msg msg_of(const char* literal) {
+  return pavo_ipc_msg{static_cast<uint32_t>(std::strlen(literal)), const_cast<char*>(literal)};
+}
 pavo_ipc_msg msg_of(const std::string& s) {
   return pavo_ipc_msg{static_cast<uint32_t>(s.size()), const_cast<char*>(s.data())};
 }
+pavo_ipc_msg msg_of(std::string&&) = delete;
 
 pavo_ipc_msg* make_reply(const std::string& text) {
   auto* reply = new pavo_ipc_msg;
@@ -51,6 +56,15 @@ struct Recorder {
   size_t count() {
     std::lock_guard<std::mutex> lock(mu);
     return texts.size();
+  }
+  // Copies taken under the lock: the receive thread may still be writing.
+  std::vector<std::string> seen() {
+    std::lock_guard<std::mutex> lock(mu);
+    return texts;
+  }
+  std::vector<uint32_t> seen_lens() {
+    std::lock_guard<std::mutex> lock(mu);
+    return lens;
   }
 };
 
@@ -109,7 +123,7 @@ TEST(SyncExchange, ReplyComesBackWithItsLength) {
     EXPECT_EQ(r.text, "echo:" + text);
     EXPECT_EQ(r.len, len + 5);
   }
-  EXPECT_EQ(rec.lens, (std::vector<uint32_t>{1, 1025, 1026, 16000}));
+  EXPECT_EQ(rec.seen_lens(), (std::vector<uint32_t>{1, 1025, 1026, 16000}));
 }
 
 TEST(SyncExchange, NoCallbackOrNullReplyGivesPlaceholderA) {
@@ -125,7 +139,7 @@ TEST(SyncExchange, NoCallbackOrNullReplyGivesPlaceholderA) {
   EXPECT_EQ(r.rc, 0);
   EXPECT_EQ(r.text, "a");
   EXPECT_EQ(r.len, 42u);
-  EXPECT_EQ(rec.texts, std::vector<std::string>{"null reply"});
+  EXPECT_EQ(rec.seen(), std::vector<std::string>{"null reply"});
 }
 
 TEST(SyncExchange, OverlongOrThrowingReplyGivesPlaceholderA) {
@@ -211,7 +225,7 @@ TEST(Lifecycle, ClientCreatedBeforeItsServerWorksOnceTheQueuesExist) {
   ASSERT_EQ(pavo_ipc_client_send_sync_with_params(client, &m, &reply), 0);
   EXPECT_STREQ(reply.data, "echo:early");
   std::free(reply.data);
-  EXPECT_EQ(rec.texts, (std::vector<std::string>{"early", "early"}));
+  EXPECT_EQ(rec.seen(), (std::vector<std::string>{"early", "early"}));
   pavo_ipc_server_destroy(server);
   pavo_ipc_client_destroy(client);
 }
@@ -227,7 +241,7 @@ TEST(Lifecycle, OneWayMessagesReachTheCallbackInOrder) {
     ASSERT_EQ(pavo_ipc_client_send(p.client, &m), 0);
   }
   ASSERT_TRUE(wait_until([&] { return rec.count() == sent.size(); }));
-  EXPECT_EQ(rec.texts, sent);
+  EXPECT_EQ(rec.seen(), sent);
 }
 
 TEST(Lifecycle, ServerWithoutSyncIgnoresRequests) {
@@ -256,7 +270,7 @@ TEST(Lifecycle, ExitMessageIsDeliveredThenEndsTheThread) {
   ASSERT_TRUE(wait_until([&] { return rec.count() == 1; }));
   ASSERT_EQ(pavo_ipc_client_send(p.client, &after), 0);
   std::this_thread::sleep_for(100ms);
-  EXPECT_EQ(rec.texts, std::vector<std::string>{"exit now"});
+  EXPECT_EQ(rec.seen(), std::vector<std::string>{"exit now"});
 
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(pavo_ipc_server_destroy(p.server), 0);
@@ -294,8 +308,8 @@ TEST(Lifecycle, RegistrationReplacesAndUnregistrationSilences) {
   EXPECT_EQ(p.request("2").text, "echo:2");
   ASSERT_EQ(pavo_ipc_server_unregister_callback(p.server), 0);
   EXPECT_EQ(p.request("3").text, "a");
-  EXPECT_EQ(a.texts, std::vector<std::string>{"1"});
-  EXPECT_EQ(b.texts, std::vector<std::string>{"2"});
+  EXPECT_EQ(a.seen(), std::vector<std::string>{"1"});
+  EXPECT_EQ(b.seen(), std::vector<std::string>{"2"});
 }
 
 // One request in flight per handle: every caller gets its own reply.

@@ -224,9 +224,11 @@ TEST(HostileFrames, LyingChunkLengthsAreDropped) {
     std::memcpy(f.text, words, sizeof words);
     q.put_raw(1, f.text, kTextBytes);
   }
-  const uint32_t short_header[7] = {1, 5, 1, 1, 1, 0, 100};
-  q.put_raw(1, short_header, 28 + 10);  // 10 payload bytes arrive, 100 claimed
-  q.put_raw(1, short_header, 12);       // not even a whole header
+  unsigned char short_frame[28 + 10] = {};
+  const uint32_t claims_100[7] = {1, 5, 1, 1, 1, 0, 100};
+  std::memcpy(short_frame, claims_100, sizeof claims_100);
+  q.put_raw(1, short_frame, sizeof short_frame);  // 10 payload bytes arrive, 100 claimed
+  q.put_raw(1, short_frame, 12);                  // not even a whole header
   ASSERT_EQ(send(q, "intact"), 0);
   pavo::test::OutputCapture err(2);
   for (int i = 0; i < 4; ++i) EXPECT_EQ(receive(q).rc, -1) << "frame " << i;

@@ -43,8 +43,9 @@ TEST(TwoProcesses, RequestsOfEverySizeCrossAndComeBack) {
   ASSERT_EQ(pipe(fds), 0);
   const pid_t child = start_server(queues.key(), fds[1]);
   ASSERT_GT(child, 0);
+  close(fds[1]);  // a child that dies before it is ready ends the read
   char ready = 0;
-  ASSERT_EQ(read(fds[0], &ready, 1), 1);
+  ASSERT_EQ(read(fds[0], &ready, 1), 1) << "the server process did not start";
 
   pavo_ipc_client* client = nullptr;
   ASSERT_EQ(pavo_ipc_client_create(queues.key(), 7, 1, kN, &client), 0);
@@ -63,7 +64,6 @@ TEST(TwoProcesses, RequestsOfEverySizeCrossAndComeBack) {
   int status = 0;
   waitpid(child, &status, 0);
   close(fds[0]);
-  close(fds[1]);
 }
 
 }  // namespace
