@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "pavo_ipc.h"
+#include "support/emulation.h"
 #include "support/output_capture.h"
 #include "support/reply_timeout_override.h"
 #include "support/test_queues.h"
@@ -136,6 +137,9 @@ TEST_F(ReplyTimeout, ForkedChildWaitsAreBounded) {
 #if defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "ThreadSanitizer does not support threads in the child of a multi-threaded fork";
 #endif
+  if (pavo::test::under_emulator()) {
+    GTEST_SKIP() << "qemu-user cannot start threads in the child of a multi-threaded fork";
+  }
   ScopedQueues queues(unique_key());
   ASSERT_GE(msgget(queues.key(), IPC_CREAT | 0666), 0);
   ASSERT_GE(msgget(queues.key() + 1, IPC_CREAT | 0666), 0);
