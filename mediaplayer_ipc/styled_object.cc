@@ -1,6 +1,5 @@
 #include "mediaplayer_ipc/styled_object.h"
 
-#include <algorithm>
 #include <cassert>
 #include <charconv>
 #include <cstring>
@@ -76,11 +75,14 @@ void StyledObject::render(std::string* out) const {
       return;
     }
   }
-  // jsoncpp keeps object members ordered by name, byte by byte.
+  // jsoncpp keeps object members ordered by name, byte by byte (an
+  // insertion sort: there are at most kMaxMembers).
   const Member* order[kMaxMembers];
-  for (std::size_t i = 0; i < count_; ++i) order[i] = &members_[i];
-  std::sort(order, order + count_,
-            [](const Member* a, const Member* b) { return std::strcmp(a->name, b->name) < 0; });
+  for (std::size_t i = 0; i < count_; ++i) {
+    std::size_t j = i;
+    for (; j > 0 && std::strcmp(order[j - 1]->name, members_[i].name) > 0; --j) order[j] = order[j - 1];
+    order[j] = &members_[i];
+  }
 
   out->clear();
   if (count_ == 0) {

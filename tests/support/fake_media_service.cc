@@ -261,15 +261,19 @@ void FakeMediaService::serve_requests() {
       std::unique_lock<std::mutex> lock(mutex_);
       if (arrived_.wait_for(lock, answer.delay, [this] { return stopping_; })) return;
     }
-    bool sent = false;
-    if (answer.kind == Answer::Kind::kReply) {
-      sent = send_frames(reply_queue_, mtype, kReply, answer.text);
-    } else if (answer.kind == Answer::Kind::kNoReply) {
-      sent = send_frames(reply_queue_, mtype, kNoReplyKind, std::string("a", 2));
-    }
-    if (sent) {
+    if (answer.kind == Answer::Kind::kNone) continue;
+    // Counted before it goes out, so that a requester that has its answer
+    // also sees it counted.
+    {
       std::lock_guard<std::mutex> lock(mutex_);
       ++answered_;
+    }
+    const bool sent = answer.kind == Answer::Kind::kReply
+                          ? send_frames(reply_queue_, mtype, kReply, answer.text)
+                          : send_frames(reply_queue_, mtype, kNoReplyKind, std::string("a", 2));
+    if (!sent) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      --answered_;
     }
   }
 }
