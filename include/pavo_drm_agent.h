@@ -67,6 +67,7 @@ PAVO_EXPORT int Pavo_DrmAgent_RegisterCallback(void* handle, PavoDrmCallback cal
  * on DRM events are dropped until a callback is registered again. When it
  * returns, no call of the old callback is running on the event thread
  * (unless it is called from that callback).
+ * REQUIRES: the caller holds no lock that the callback takes.
  */
 PAVO_EXPORT int Pavo_DrmAgent_UnregisterCallback(void* handle);
 

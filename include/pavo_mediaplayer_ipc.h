@@ -15,11 +15,26 @@
  *     cannot be read as the command's output; out-parameters untouched;
  *   - otherwise the service's "ret" (0 when absent), never interpreted, with
  *     every out-parameter written from the reply (a missing member reads as
- *     0, 0.0, false or the empty string), whatever "ret" says.
+ *     0, 0.0, false or the empty string), whatever "ret" says;
+ *   - -1 for a null pointer argument (a text, a record or an out-parameter),
+ *     refused with an error record before anything is sent; exceptions are
+ *     stated where they apply (GetMRSUrl's and GetContentId's buffer, the
+ *     texts and id buffer of DrmAgent_sendDRMMessage);
+ *   - -4 when memory runs out.
+ * Each blocks until the reply arrives, at most for the transport's reply
+ * time-out (then -1).
  *
  * Thread safety: every function may be called from any thread; the transport
  * serialises the exchanges (one request in flight), and each caller gets its
- * own reply. Callbacks registered here run on the event receive thread.
+ * own reply. Callbacks registered here run on the event receive thread, one
+ * event at a time and without any lock of this client held, so they may call
+ * any function here except Initialize and Finalize. Removing a registration
+ * (UnregisterCallback, Destory, Finalize, UnregisterMediaSyncCallback, the
+ * DRM agent's UnregisterCallback) returns only when no call of that
+ * registration is running on the event thread (unless it is made from that
+ * call itself), so its user data may be released then.
+ * REQUIRES: a removal is not made while holding a lock that the callback
+ * takes; no command runs while Finalize closes the endpoints.
  *
  * Symbols carry their argument types (C++ linkage).
  */
@@ -38,12 +53,15 @@
 #define PAVO_MEDIAPLAYER_SERVICE_REQUEST_KEY 0x95000090 /* synchronous server */
 #define PAVO_MEDIAPLAYER_EVENT_KEY 0x95000070        /* one-way (event) server */
 
-/* The request client and the one-way notice client (null while closed). */
+/*
+ * The request client and the one-way notice client (null while closed), the
+ * one player callback of the process (last registered wins) and the
+ * media-synchronisation callback. Written only by this client, with atomic
+ * stores; read them with atomic loads (__atomic_load_n), never write them.
+ */
 PAVO_EXPORT extern pavo_ipc_client* g_mediaplayer_ipc_client_handle;
 PAVO_EXPORT extern pavo_ipc_client* g_mediaplayer_ipc_client_async_handle;
-/* The one player callback of the process (last registered wins). */
 PAVO_EXPORT extern PavoMediaPlayerCallback g_mediaplayer_cb;
-/* The media-synchronisation callback. */
 PAVO_EXPORT extern PavoMediaSyncCallback g_mediasync_cb;
 
 /* ---- Endpoints and players ---------------------------------------------- */
@@ -57,10 +75,12 @@ PAVO_EXPORT int Pavo_MediaPlayer_IPC_Finalize();
 PAVO_EXPORT int Pavo_MediaPlayer_IPC_Create(unsigned* player_id);
 /* Command 1: destroys the player; a parsed reply drops its registry entry. */
 PAVO_EXPORT int Pavo_MediaPlayer_IPC_Destory(unsigned player_id);
-/* Local: sets the process-wide player callback and this player's user data. Always 0. */
+/* Local: sets the process-wide player callback and this player's user data.
+ * Returns 0; -4 (nothing changed) when the registry cannot grow. */
 PAVO_EXPORT int Pavo_MediaPlayer_IPC_RegisterCallback(unsigned player_id, PavoMediaPlayerCallback cb,
                                                       void* user_data);
-/* Local: drops the player's registry entry. Always 0. */
+/* Local: drops the player's registry entry (its events are dropped from now
+ * on); logs nothing. Always 0. */
 PAVO_EXPORT int Pavo_MediaPlayer_IPC_UnregisterCallback(unsigned player_id);
 
 /* ---- Playback (commands 2 to 22) ---------------------------------------- */
@@ -118,17 +138,26 @@ PAVO_EXPORT int Pavo_MediaPlayer_IPC_UnregisterMediaSyncCallback(unsigned player
 PAVO_EXPORT int Pavo_MediaPlayer_IPC_StartMediaSync(unsigned player_id);
 PAVO_EXPORT int Pavo_MediaPlayer_IPC_StopMediaSync(unsigned player_id);
 PAVO_EXPORT int Pavo_MediaPlayer_IPC_SetTimelineSelector(unsigned player_id, const char* selector);
-/* *len: in, the capacity of buf; out, the reply's "len". */
+/*
+ * *len: in, the capacity of buf (sent as "len"); out, the reply's "len".
+ * `buf` may be null (only the length is asked for); otherwise it receives
+ * "len" bytes of the URL, bounded by the capacity and by the URL and its
+ * terminator: it is terminated only when "len" counts the terminator. A
+ * "len" beyond either bound is reported by an error record (and in *len).
+ */
 PAVO_EXPORT int Pavo_MediaPlayer_IPC_GetMRSUrl(unsigned player_id, char* buf, unsigned* len);
 PAVO_EXPORT int Pavo_MediaPlayer_IPC_GetCurrentTimeline(unsigned player_id, PavoTimeline* timeline);
-/* As GetMRSUrl; returns 0 for every parsed reply. */
+/* As GetMRSUrl, with the content id and its status; returns 0 for every
+ * readable reply. */
 PAVO_EXPORT int Pavo_MediaPlayer_IPC_GetContentId(unsigned player_id, char* buf, unsigned* len,
                                                   PavoContentIdStatus* status);
 PAVO_EXPORT int Pavo_MediaPlayer_IPC_EnableMutilStreamSync(unsigned player_id, bool enable);
 PAVO_EXPORT int Pavo_MediaPlayer_IPC_GetPlayerIdBySource(std::string source, unsigned& player_id);
 
 /* ---- DRM agent commands (200 to 208) ------------------------------------ */
-/* No pointer checks here: the Pavo_DrmAgent_* functions check first. */
+/* The Pavo_DrmAgent_* functions (pavo_drm_agent.h) check their arguments and
+ * call these. sendDRMMessage sends null texts as empty strings and copies the
+ * id only into a non-null buffer. */
 
 PAVO_EXPORT int Pavo_MediaPlayer_IPC_DrmAgent_Create(void** handle);
 PAVO_EXPORT int Pavo_MediaPlayer_IPC_DrmAgent_Destroy(void* handle);

@@ -6,10 +6,12 @@
 //
 //   return Command(__func__, 10).player(id).read("current_time", time).run();
 //
-// run() logs an Enter record (unless the command declines it), renders the request as styled JSON text, sends
-// it on the request client and blocks for the reply (at most the transport's
-// reply time-out), parses it and, if it is a readable JSON object, writes
-// every out-parameter and returns "ret". Results:
+// run() logs an Enter record (unless the command declines it), renders the
+// request as styled JSON text, sends it on the request client and blocks for
+// the reply (at most the transport's reply time-out), parses it and, if it
+// is a readable JSON object, writes every out-parameter and returns "ret".
+// (The exchange itself is request_exchange.cc; the rest is
+// request_frame.cc.) Results:
 //   - the transport's code, unchanged, when the exchange fails;
 //   - -1 when the reply is empty, not JSON, not an object, or a member read
 //     (or "ret") cannot be converted as jsoncpp converts it;
@@ -31,11 +33,11 @@
 #ifndef PAVO_MEDIAPLAYER_IPC_REQUEST_FRAME_H
 #define PAVO_MEDIAPLAYER_IPC_REQUEST_FRAME_H
 
+#include <json/json.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
-
-#include <json/json.h>
 
 #include "mediaplayer_ipc/styled_object.h"
 
@@ -62,7 +64,7 @@ class Command {
   Command(const Command&) = delete;
   Command& operator=(const Command&) = delete;
 
-  // ---- Request members, in the order the protocol lists them ----
+  // ---- Request members (rendered in name order, as jsoncpp orders them) ----
   Command& player(unsigned player_id);  // "player_id"
   Command& with(const char* name, int value);
   Command& with(const char* name, unsigned value);
