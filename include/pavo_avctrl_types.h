@@ -7,6 +7,7 @@
 
 #include <cstdint>
 
+#include "pavo_component_record.h"
 #include "pavo_media_types.h"
 
 /* Play states of an A/V control object (OIPF numbering). */
@@ -59,16 +60,6 @@ typedef enum PavoAVComponentType : int32_t {
   PAVO_AV_COMPONENT_TYPE_AUDIO = 1,
   PAVO_AV_COMPONENT_TYPE_SUBTITLE = 2
 } PavoAVComponentType;
-
-/* One component as collected for a track event. */
-typedef struct PavoAVComponentRecord {
-  int32_t type;          /* a PavoAVComponentType */
-  char encoding[128];    /* NUL-terminated */
-  char language[4];      /* three-letter code, NUL-terminated */
-  int32_t audioChannels;
-  bool hearingImpaired;
-  bool audioDescription;
-} PavoAVComponentRecord;
 
 /* The plug-in's event callback; `info` is valid only during the call. */
 typedef void (*PavoAVCtrlCallback)(PavoAVCtrlEvent event, const PavoAVCtrlEventInfo* info,
