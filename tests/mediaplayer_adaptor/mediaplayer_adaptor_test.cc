@@ -1,0 +1,182 @@
+// The MediaPlayerAdaptor facade: the resolution it reads, its one instance,
+// and every member against the fake service (which command, which argument,
+// which result).
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "pavo_mediaplayer_adaptor.h"
+#include "pavo_mediaplayer_ipc.h"
+#include "support/fake_media_service.h"
+#include "support/test_queues.h"
+
+namespace {
+
+using pavo::test::Answer;
+using pavo::test::FakeMediaService;
+
+TEST(MediaPlayerAdaptor, ReadsTheResolutionWithDefaults) {
+  const struct {
+    const char* config;  // null: no configuration at all
+    int width, height;
+  } rows[] = {{nullptr, 1280, 720},
+              {"ResolutionWidth=1920\nResolutionHeight=1080\n", 1920, 1080},
+              {"ResolutionWidth=wide\nResolutionHeight=0\n", 1280, 0},
+              {"ResolutionHeight=2160\n", 1280, 2160}};
+  char path[] = "/tmp/pavo_tov_XXXXXX";
+  const int fd = mkstemp(path);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  for (const auto& row : rows) {
+    if (row.config == nullptr) {
+      unsetenv("PAVO_TOV_CONFIG");
+    } else {
+      std::ofstream(path) << row.config;
+      setenv("PAVO_TOV_CONFIG", path, 1);
+    }
+    MediaPlayerAdaptor adaptor;
+    EXPECT_EQ(adaptor.m_resolutionWidth, row.width) << (row.config ? row.config : "none");
+    EXPECT_EQ(adaptor.m_resolutionHeight, row.height) << (row.config ? row.config : "none");
+  }
+  unsetenv("PAVO_TOV_CONFIG");
+  unlink(path);
+}
+
+TEST(MediaPlayerAdaptor, RacingFirstCallsShareOneInstance) {
+  constexpr int kThreads = 8;
+  std::vector<MediaPlayerAdaptor*> seen(kThreads);
+  std::atomic<int> ready{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&, i] {
+      ++ready;
+      while (ready < kThreads) {
+      }
+      seen[i] = MediaPlayerAdaptor::GetInstance();
+    });
+  }
+  for (auto& t : threads) t.join();
+  ASSERT_NE(seen[0], nullptr);
+  for (MediaPlayerAdaptor* p : seen) EXPECT_EQ(p, seen[0]);
+  EXPECT_EQ(MediaPlayerAdaptor::m_instance, seen[0]);
+  EXPECT_EQ(MediaPlayerAdaptor::GetInstance(), seen[0]);
+}
+
+void on_player_event(PavoMediaPluginEvent, PavoMediaError, const void*, int, double) {}
+void on_sync_event(PavoMediaSyncMsgType, const PavoMSEventInfo*, const void*) {}
+
+TEST(MediaPlayerAdaptor, EveryMemberForwardsItsArgumentsAndResult) {
+  MediaPlayerAdaptor& mp = *MediaPlayerAdaptor::GetInstance();
+  pavo::test::ScopedQueues events(FakeMediaService::kEventKey);
+  pavo::test::ScopedQueues requests(FakeMediaService::kServiceRequestKey);
+  FakeMediaService service;
+  // Each command answers a result of its own, so that a swapped forwarding
+  // or a dropped result shows.
+  for (int type :
+       {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  10,  11,  12,  13,  14,  15,  16,  17,  18,  19,
+        20, 21, 22, 23, 24, 25, 26, 28, 29, 30, 100, 101, 102, 103, 104, 105, 106, 107, 108, 109}) {
+    Json::Value reply(Json::objectValue);
+    reply["ret"] = -(100 + type);
+    reply["player_id"] = 41;
+    reply["source_type"] = 3;
+    service.script(type, Answer::json(reply));
+  }
+  ASSERT_EQ(mediaplayer_initialize(), 0);
+
+  unsigned id = 0;
+  double d = 0;
+  int i = 0;
+  unsigned u = 0;
+  PavoMediaPlayerPlayState state{};
+  PavoRect rect{1, 2, 3, 4};
+  _PavoSubtitleTrackInfo subtitle;
+  subtitle.url = "http://sub";
+  PavoAVCtrlTrackInfo track{};
+  PavoTimeline timeline{};
+  PavoContentIdStatus status{};
+  char buffer[16] = {};
+  pavoDisplayerSource source{};
+  // Each row: the call, its command and one request member that carries an
+  // argument. Every result is the service's "ret", except the two commands
+  // whose client reports 0 for every parsed reply.
+  const struct {
+    std::function<int()> call;
+    int event_type;
+    const char* member;
+    Json::Value value;
+  } rows[] = {
+      {[&] { return mp.Create(id, 7); }, 0, "event_type", 0},
+      {[&] { return mp.Destroy(5); }, 1, "player_id", 5},
+      {[&] { return mp.Load(5, "http://m"); }, 2, "url", "http://m"},
+      {[&] { return mp.Play(6); }, 3, "player_id", 6},
+      {[&] { return mp.Pause(5); }, 4, "player_id", 5},
+      {[&] { return mp.Stop(5); }, 5, "player_id", 5},
+      {[&] { return mp.Seek(5, 12.5); }, 6, "pos", 12.5},
+      {[&] { return mp.SetPlayRate(5, 2000.0); }, 7, "play_rate", 2000.0},
+      {[&] { return mp.GetDuration(5, &d); }, 8, "player_id", 5},
+      {[&] { return mp.GetPlayRate(5, &d); }, 9, "player_id", 5},
+      {[&] { return mp.GetCurrentTime(5, &d); }, 10, "player_id", 5},
+      {[&] { return mp.GetFullscreen(5, &i); }, 11, "player_id", 5},
+      {[&] { return mp.SetFullscreen(5, 1); }, 12, "is_fullscreen", 1},
+      {[&] { return mp.SetVideoWindowRect(5, &rect); }, 13, "rect_h", 4},
+      {[&] { return mp.GetPlayState(5, &state); }, 14, "player_id", 5},
+      {[&] { return mp.SetMimetype(5, "video/mp4"); }, 15, "mime_type", "video/mp4"},
+      {[&] { return mp.SetLicenseServerUrl(5, "http://la"); }, 16, "url", "http://la"},
+      {[&] { return mp.SetCustomData(5, "cd"); }, 17, "data", "cd"},
+      {[&] { return mp.EnableSubtitle(5, true); }, 18, "enable", true},
+      {[&] { return mp.SetSubtitle(5, &subtitle, 1); }, 19, "url", "http://sub"},
+      {[&] { return mp.SetFont(5, "f.ttf", 5); }, 20, "fontfile", "f.ttf"},
+      {[&] { return mp.SetLoopCount(5, -1); }, 21, "loop", -1},
+      {[&] { return mp.SetCookie(5, "c=1"); }, 22, "cookie", "c=1"},
+      {[&] { return mp.GetTrackNumber(5, PAVO_TRACK_TYPE_AUDIO, &u); }, 23, "track_type", 1},
+      {[&] { return mp.GetTrackByIndex(5, PAVO_TRACK_TYPE_SUBTITLE, 3, &track); }, 24, "index", 3},
+      {[&] { return mp.SelectTrack(5, PAVO_TRACK_TYPE_VIDEO, 4); }, 25, "index", 4},
+      {[&] { return mp.UnselectTrack(5, PAVO_TRACK_TYPE_OTHER, 6); }, 26, "track_type", 3},
+      {[&] { return mp.StopAllPlayers(); }, 28, "event_type", 28},
+      {[&] { return mp.ChangeDisplaySourceToDTV(); }, 29, "event_type", 29},
+      {[&] { return MediaPlayerAdaptor::GetCurrentSource(source); }, 30, "event_type", 30},
+      {[&] { return mp.RegisterMediaSyncCallback(5, on_sync_event, &d); }, 100, "player_id", 5},
+      {[&] { return mp.UnregisterMediaSyncCallback(5); }, 101, "player_id", 5},
+      {[&] { return mp.StartMediaSync(5); }, 102, "player_id", 5},
+      {[&] { return mp.StopMediaSync(5); }, 103, "player_id", 5},
+      {[&] { return mp.SetTimelineSelector(5, "urn:t"); }, 104, "timeline_selector", "urn:t"},
+      {[&] { return u = 16, mp.GetMRSUrl(5, buffer, &u); }, 105, "len", 16},
+      {[&] { return mp.GetCurrentTimeline(5, &timeline); }, 106, "player_id", 5},
+      {[&] { return u = 16, mp.GetContentId(5, buffer, &u, &status); }, 107, "len", 16},
+      {[&] { return mp.EnableMutilStreamSync(5, true); }, 108, "enable", true},
+      {[&] { return mp.GetPlayerIdBySource("dvb://1", id); }, 109, "source", "dvb://1"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.event_type);
+    service.clear_records();
+    const bool reports_zero = row.event_type == 30 || row.event_type == 107;
+    EXPECT_EQ(row.call(), reports_zero ? 0 : -(100 + row.event_type));
+    const auto seen = service.requests();
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].json["event_type"], row.event_type);
+    EXPECT_EQ(seen[0].json[row.member], row.value);
+  }
+  EXPECT_EQ(id, 41u) << "Create and GetPlayerIdBySource write the reply's id";
+  EXPECT_EQ(source, 3);
+
+  EXPECT_EQ(mp.RegisterCallback(9, on_player_event, &d), 0);
+  EXPECT_EQ(g_mediaplayer_cb, on_player_event);
+  EXPECT_EQ(mp.UnregisterCallback(12345), 0);
+  EXPECT_EQ(MediaPlayerAdaptor::platformSetSubtitleEnable(true), 0);
+  ASSERT_TRUE(service.wait_for_notices(1));
+  EXPECT_EQ(service.notices()[0].json["event_type"].asInt(), 31);
+
+  EXPECT_EQ(mp.Finalize(), 0);
+  EXPECT_EQ(MediaPlayerAdaptor::GetCurrentSource(source), -3) << "client closed";
+  EXPECT_EQ(source, -1);
+  EXPECT_EQ(mp.Initialize(), 0);
+  EXPECT_EQ(mediaplayer_finalize(), 0);
+}
+
+}  // namespace
