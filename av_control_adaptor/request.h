@@ -1,0 +1,25 @@
+// One request of an A/V control object to its service player.
+#ifndef PAVO_AV_CONTROL_ADAPTOR_REQUEST_H
+#define PAVO_AV_CONTROL_ADAPTOR_REQUEST_H
+
+#include <utility>
+
+#include "av_control_adaptor/context.h"
+#include "pavo_mediaplayer_adaptor.h"
+
+namespace pavo::avctrl {
+
+// Runs `request(adaptor, player_id)` under the object's `op_mutex`, so that
+// at most one request of the object is in flight, and returns its result.
+// Without an adaptor nothing is asked and the result is 0.
+template <typename Request>
+int locked_request(PavoAVCtrlContext* ctx, Request&& request) {
+  MutexLock op(&ctx->op_mutex);
+  MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance();
+  if (mp == nullptr) return 0;
+  return std::forward<Request>(request)(*mp, ctx->player_id);
+}
+
+}  // namespace pavo::avctrl
+
+#endif  // PAVO_AV_CONTROL_ADAPTOR_REQUEST_H

@@ -1,0 +1,135 @@
+// Library start, objects and the handle lookup, destruction while events
+// are translated, and the settings.
+#include <future>
+#include <thread>
+
+#include "av_control_adaptor/event_translation.h"
+#include "avctrl_harness.h"
+#include "hbbtv_plugin_impl_standin.h"
+
+namespace pavo::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+template <typename Fn>
+const void* address(Fn fn) {
+  return reinterpret_cast<const void*>(fn);
+}
+
+int tv_callback(PavoPluginIPCAvContrl, PavoAVComponentType, int) { return 0; }
+
+TEST_F(AvctrlTest, InitializeHandsThePlatformCallbacksToThePlugInInOrder) {
+  int user = 0;
+  EXPECT_EQ(Pavo_AVCtrl_RegisterCallbackForTV(nullptr, tv_callback, &user), 0);
+  EXPECT_EQ(Pavo_AVCtrl_UnregisterCallbackForTV(handle_), 0);
+  const std::vector<std::pair<std::string, const void*>> expected = {
+      {"Pavo_HbbTV_PAC_Platform_subtitle_enable_RegisterCallback",
+       address(Pavo_Platform_SubtitleEnable)},
+      {"Pavo_HbbTV_PAC_Platform_Get_Track_Number_RegisterCallback",
+       address(Pavo_Platform_Get_Track_Number)},
+      {"Pavo_HbbTV_PAC_Platform_Get_Track_By_Index_RegisterCallback",
+       address(Pavo_Platform_Get_Track_By_Index)},
+      {"Pavo_HbbTV_PAC_Platform_Select_Track_RegisterCallback",
+       address(Pavo_Platform_Select_Track)},
+      {"Pavo_HbbTV_PAC_Platform_Unselect_Track_RegisterCallback",
+       address(Pavo_Platform_Unselect_Track)},
+      {"Pavo_HbbTV_PAC_Platform_Get_Current_Track_RegisterCallback",
+       address(Pavo_Platform_Get_Current_Track)},
+      {"Pavo_HbbTV_PAC_AvControl_RegisterCallback", address(tv_callback)},
+      {"Pavo_HbbTV_PAC_AvControl_UnregisterCallback", handle_}};  // handed the A/V control handle
+  const auto calls = standin::hbbtv_calls();
+  ASSERT_EQ(calls.size(), expected.size());
+  for (size_t i = 0; i < calls.size(); ++i) {
+    EXPECT_EQ(calls[i].function, expected[i].first);
+    EXPECT_EQ(calls[i].pointer, expected[i].second) << calls[i].function;
+  }
+  EXPECT_EQ(calls[6].user_data, &user);
+}
+
+TEST_F(AvctrlTest, CreateAndDestroyDriveThePlayerAndTheHandleLookup) {
+  EXPECT_EQ(Pavo_AVCtrl_GetHandle(), handle_);
+  EXPECT_EQ(Pavo_AVCtrl_Create(nullptr, nullptr), -3);
+  answer(0, reply_with(0, "player_id", 8));
+  void* second = nullptr;
+  ASSERT_EQ(Pavo_AVCtrl_Create(nullptr, &second), 0);
+  EXPECT_EQ(request_types(), (std::vector<int>{0}));
+  EXPECT_EQ(Pavo_AVCtrl_GetHandle(), nullptr);
+  EXPECT_TRUE(logged("Pavo_AVCtrl_GetHandle", "Error: initialized the avc 2 times."));
+
+  clear();
+  EXPECT_EQ(Pavo_AVCtrl_Destroy(second), 0);
+  EXPECT_EQ(Pavo_AVCtrl_Destroy(second), 0) << "a second destroy is a no-op";
+  EXPECT_EQ(Pavo_AVCtrl_Destroy(nullptr), 0);
+  EXPECT_EQ(request_types(), (std::vector<int>{1}));
+  EXPECT_EQ(requests_of(1)[0]["player_id"], 8);
+  EXPECT_EQ(g_avctrl_count, 1);
+  EXPECT_EQ(Pavo_AVCtrl_GetHandle(), nullptr) << "cleared by any destruction";
+
+  // The first object's routine is still registered for its player.
+  ASSERT_TRUE(service_.send_event(player_event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 1.0)));
+  ASSERT_TRUE(recorder_.wait_for(1));
+  EXPECT_EQ(posted(), (Posts{{PAVO_AVCTRL_EVENT_POSITIONCHANGE, 1000.0}}));
+}
+
+TEST_F(AvctrlTest, DestroyWaitsForTheEventBeingTranslatedAndLaterEventsAreIgnored) {
+  std::promise<void> in_callback, release;
+  std::shared_future<void> released = release.get_future().share();
+  recorder_.on_post = [&](const Post&) {
+    in_callback.set_value();
+    released.wait();
+  };
+  std::thread event_thread([&] { event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 2.0); });
+  in_callback.get_future().wait();
+  void* gone = handle_;
+  auto destroyed = std::async(std::launch::async, [gone] { return Pavo_AVCtrl_Destroy(gone); });
+  EXPECT_EQ(destroyed.wait_for(100ms), std::future_status::timeout)
+      << "must wait for the translation";
+  release.set_value();
+  EXPECT_EQ(destroyed.get(), 0);
+  event_thread.join();
+  handle_ = nullptr;
+  mediaplayer_adaptor_callback(PAVO_MEDIA_PLUGIN_EVENT_STATECHANGE, PAVO_MEDIA_ERR_NETWORK, gone, 5,
+                               0);
+  EXPECT_EQ(recorder_.posts().size(), 1u) << "an event for a destroyed object is dropped";
+}
+
+TEST_F(AvctrlTest, ObjectsOwnCallbackMayDestroyIt) {
+  recorder_.on_post = [this](const Post&) { Pavo_AVCtrl_Destroy(handle_); };
+  event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 2.0);  // released when the translation ends
+  EXPECT_EQ(g_avctrl_count, 0);
+  EXPECT_EQ(request_types(), (std::vector<int>{1}));
+  handle_ = nullptr;
+}
+
+TEST_F(AvctrlTest, SettingsReachThePlayerWithTheirArguments) {
+  PavoRect rect{0, 0, 1280, 720};
+  PavoAVCtrlSubtitleInfo subtitle{"http://s/sub.ttml", nullptr, "Deutsch"};
+  const struct {
+    int result, event_type;
+    const char* member;
+    Json::Value value;
+  } rows[] = {
+      {Pavo_AVCtrl_SetLoop(handle_, -1), 21, "loop", -1},
+      {Pavo_AVCtrl_SetFont(handle_, "/fonts/t.ttf"), 20, "fontfile", "/fonts/t.ttf"},
+      {Pavo_AVCtrl_SetLAURL(handle_, "http://la"), 16, "url", "http://la"},
+      {Pavo_AVCtrl_SetCustomData(handle_, "cd"), 17, "data", "cd"},
+      {Pavo_AVCtrl_SetMimeType(handle_, "video/mp4"), 15, "mime_type", "video/mp4"},
+      {Pavo_AVCtrl_UpdateWindow(handle_, &rect), 13, "rect_h", 720},
+      {Pavo_AVCtrl_Component_EnableSubtitle(handle_, true), 18, "enable", true},
+      {Pavo_AVCtrl_SetSubtitle(handle_, &subtitle), 19, "label", "Deutsch"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(row.result, 0) << row.event_type;
+    ASSERT_EQ(requests_of(row.event_type).size(), 1u) << row.event_type;
+    EXPECT_EQ(requests_of(row.event_type)[0][row.member], row.value) << row.event_type;
+    EXPECT_EQ(requests_of(row.event_type)[0]["player_id"].asUInt(), kPlayerId);
+  }
+  EXPECT_EQ(requests_of(19)[0]["url"], "http://s/sub.ttml");
+  EXPECT_EQ(requests_of(19)[0]["language"], "") << "a null language is sent empty";
+  answer(21, reply_with(-6));
+  EXPECT_EQ(Pavo_AVCtrl_SetLoop(handle_, 3), -6) << "the service's result";
+}
+
+}  // namespace
+}  // namespace pavo::test
