@@ -34,7 +34,7 @@
  * registration is running on the event thread (unless it is made from that
  * call itself), so its user data may be released then.
  * REQUIRES: a removal is not made while holding a lock that the callback
- * takes; no command runs while Finalize closes the endpoints.
+ * takes.
  *
  * Symbols carry their argument types (C++ linkage).
  */
@@ -67,9 +67,13 @@ PAVO_EXPORT extern PavoMediaSyncCallback g_mediasync_cb;
 /* ---- Endpoints and players ---------------------------------------------- */
 
 /* Opens the four endpoints (idempotent; an open state registers the two
- * server callbacks again). The argument is ignored. Returns 0 or -1. */
+ * server callbacks again). The argument is ignored. Returns 0 or -1.
+ * REQUIRES: not called from a callback of this client. */
 PAVO_EXPORT int Pavo_MediaPlayer_IPC_Initialize(int);
-/* Closes the endpoints and empties the player registry. Returns 0 or -1. */
+/* Closes the endpoints and empties the player registry. A command in flight
+ * (also one made by a callback on the event thread) is waited for, at most
+ * for the reply time-out; later ones fail with -3. Returns 0 or -1.
+ * REQUIRES: not called from a callback of this client. */
 PAVO_EXPORT int Pavo_MediaPlayer_IPC_Finalize();
 /* Command 0: a new player; writes its id. */
 PAVO_EXPORT int Pavo_MediaPlayer_IPC_Create(unsigned* player_id);

@@ -3,6 +3,7 @@
 // by the next one.
 #include "mediaplayer_ipc/endpoints.h"
 
+#include <condition_variable>
 #include <mutex>
 
 #include "mediaplayer_ipc/event_reception.h"
@@ -22,6 +23,10 @@ constexpr uint32_t kChunkSize = 1024;
 constexpr int kFailed = -1;
 
 std::mutex g_lifecycle;  // serialises Initialize and Finalize
+
+std::mutex g_lease_mutex;
+std::condition_variable g_lease_returned;
+int g_leases = 0;  // guarded by g_lease_mutex
 pavo_ipc_server* g_mediaplayer_ipc_server_handle = nullptr;        // guarded by g_lifecycle
 pavo_ipc_server* g_mediaplayer_ipc_server_async_handle = nullptr;  // guarded by g_lifecycle
 
@@ -70,11 +75,16 @@ bool open_client(pavo_ipc_client** client, key_t key, int sync, pavo_ipc_server*
   return true;
 }
 
-// Closes a client: new commands see null at once.
+// Closes a client: new sends see null at once; the client goes when the
+// sends in flight have returned their leases.
 bool close_client(pavo_ipc_client** client, const char* function) {
   pavo_ipc_client* open = load(client);
   if (open == nullptr) return true;
-  publish(client, nullptr);
+  {
+    std::unique_lock<std::mutex> lock(g_lease_mutex);
+    publish(client, nullptr);
+    g_lease_returned.wait(lock, [] { return g_leases == 0; });
+  }
   if (pavo_ipc_client_destroy(open) != 0) {
     log_error(function);
     return false;
@@ -94,8 +104,19 @@ bool close_server(pavo_ipc_server** server, const char* function) {
 
 }  // namespace
 
-pavo_ipc_client* request_client() { return load(&g_mediaplayer_ipc_client_handle); }
-pavo_ipc_client* notice_client() { return load(&g_mediaplayer_ipc_client_async_handle); }
+ClientLease::ClientLease(Which which) {
+  std::lock_guard<std::mutex> lock(g_lease_mutex);
+  ++g_leases;
+  client_ = load(which == kRequest ? &g_mediaplayer_ipc_client_handle : &g_mediaplayer_ipc_client_async_handle);
+}
+
+ClientLease::~ClientLease() {
+  {
+    std::lock_guard<std::mutex> lock(g_lease_mutex);
+    --g_leases;
+  }
+  g_lease_returned.notify_all();
+}
 
 }  // namespace pavo::mediaplayer
 

@@ -7,10 +7,13 @@
 //   event server     0x95000070                       the service's events
 //
 // Thread safety: Initialize and Finalize are serialised among themselves.
-// The client handles are published with atomic stores and read with atomic
-// loads, so commands on other threads see either null or a complete handle.
-// REQUIRES: no command runs while Finalize closes the clients, and neither
-// Initialize nor Finalize is called from a callback of the event thread.
+// The client handles are published with atomic stores. A send holds a
+// ClientLease for its whole exchange, and Finalize destroys a client only
+// when no lease is held (a send in flight ends at the latest with the reply
+// time-out), so a command on another thread, or on the event thread inside a
+// callback, never finds its client destroyed under it.
+// REQUIRES: neither Initialize nor Finalize is called from a callback of the
+// event thread.
 #ifndef PAVO_MEDIAPLAYER_IPC_ENDPOINTS_H
 #define PAVO_MEDIAPLAYER_IPC_ENDPOINTS_H
 
@@ -18,9 +21,19 @@
 
 namespace pavo::mediaplayer {
 
-// The request client and the notice client; null while closed.
-pavo_ipc_client* request_client();
-pavo_ipc_client* notice_client();
+// One of the two clients, held for one send; get() is null while closed.
+class ClientLease {
+ public:
+  enum Which { kRequest, kNotice };
+  explicit ClientLease(Which which);
+  ~ClientLease();
+  ClientLease(const ClientLease&) = delete;
+  ClientLease& operator=(const ClientLease&) = delete;
+  pavo_ipc_client* get() const { return client_; }
+
+ private:
+  pavo_ipc_client* client_;
+};
 
 }  // namespace pavo::mediaplayer
 

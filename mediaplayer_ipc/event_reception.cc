@@ -1,10 +1,9 @@
 #include "mediaplayer_ipc/event_reception.h"
 
-#include <cxxabi.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <new>
 #include <string>
 
@@ -37,16 +36,17 @@ bool parse_message(const pavo_ipc_msg* message, Json::Value* root) {
   return parse_object(message->data, strnlen(message->data, message->len), root);
 }
 
-// Each returns false for an unreadable event (the caller logs it).
+// Each returns false for an unreadable event or a callback that threw (the
+// caller logs it).
 bool deliver_player_event(const Json::Value& event, const EventHeader& h, const char* function) {
   int data1 = 0;
   double data2 = 0.0;
   if (!read_int(event, "data1", &data1) || !read_double(event, "data2", &data2)) return false;
-  const PlayerDispatch outcome =
+  const Dispatch outcome =
       dispatch_player_event(h.player_id, static_cast<PavoMediaPluginEvent>(h.event),
                             static_cast<PavoMediaError>(h.sub_event), data1, data2);
-  if (outcome == PlayerDispatch::kNoEntry) log_error(function);  // the event is lost
-  return true;
+  if (outcome == Dispatch::kNoEntry) log_error(function);  // the event is lost
+  return outcome != Dispatch::kCallbackThrew;
 }
 
 bool deliver_media_sync_message(const Json::Value& message, const EventHeader& h) {
@@ -96,8 +96,8 @@ bool deliver_media_sync_message(const Json::Value& message, const EventHeader& h
     default:
       break;  // other message types are delivered with nothing filled
   }
-  dispatch_media_sync(static_cast<PavoMediaSyncMsgType>(h.event), info);
-  return true;
+  return dispatch_media_sync(static_cast<PavoMediaSyncMsgType>(h.event), info) !=
+         Dispatch::kCallbackThrew;
 }
 
 bool deliver_drm_event(const Json::Value& event, const EventHeader& h, const char* function) {
@@ -134,8 +134,7 @@ bool deliver_drm_event(const Json::Value& event, const EventHeader& h, const cha
       log_error(function);  // not a DRM event: no call
       return true;
   }
-  dispatch_drm(static_cast<PavoDrmEvent>(h.event), info, user_data);
-  return true;
+  return dispatch_drm(static_cast<PavoDrmEvent>(h.event), info, user_data) != Dispatch::kCallbackThrew;
 }
 
 // Returns false for an unreadable event.
@@ -177,12 +176,12 @@ bool answer_request(const pavo_ipc_msg* request, std::string* reply_text) {
 
 pavo_ipc_msg* MediaPlayerIPCAsyncCallback(pavo_ipc_msg* message, void*) {
   log_enter(kEventCallback);
+  // Out of memory drops the message; the forced unwind of a cancelled thread
+  // is no std::exception and passes on to the thread's start.
   try {
     if (!receive_event(message)) log_error(kEventCallback);
-  } catch (abi::__forced_unwind&) {
-    throw;  // thread cancellation must reach the thread's start
-  } catch (...) {
-    log_error(kEventCallback);  // out of memory, or a callback that threw
+  } catch (const std::exception&) {
+    log_error(kEventCallback);
   }
   return nullptr;
 }
@@ -206,9 +205,7 @@ pavo_ipc_msg* MediaPlayerIPCCallback(pavo_ipc_msg* request, void*) {
     reply->data = data;
     log_leave(kRequestCallback);
     return reply;
-  } catch (abi::__forced_unwind&) {
-    throw;
-  } catch (...) {
+  } catch (const std::exception&) {  // out of memory
     log_error(kRequestCallback);
     return nullptr;
   }

@@ -6,6 +6,7 @@
 #include <new>
 #include <thread>
 
+#include "ipc/callback_guard.h"
 #include "pavo_mediaplayer_ipc.h"
 
 // Exported callback slots; see registry.h for how they are accessed.
@@ -89,6 +90,11 @@ void publish(T* slot, T value) {
   __atomic_store_n(slot, value, __ATOMIC_RELEASE);
 }
 
+template <typename Call>
+Dispatch call(const char* what, Call&& callback) {
+  return pavo::ipc::call_guarded(what, callback) ? Dispatch::kDelivered : Dispatch::kCallbackThrew;
+}
+
 }  // namespace
 
 bool register_player(unsigned player_id, PavoMediaPlayerCallback callback, void* user_data) {
@@ -163,42 +169,39 @@ void set_drm_callback(PavoDrmCallback callback) {
   }
 }
 
-PlayerDispatch dispatch_player_event(unsigned player_id, PavoMediaPluginEvent event,
-                                     PavoMediaError error, int data1, double data2) {
+Dispatch dispatch_player_event(unsigned player_id, PavoMediaPluginEvent event, PavoMediaError error,
+                               int data1, double data2) {
   State& s = state();
   std::unique_lock<std::mutex> lock(s.mutex);
   const PavoMediaPlayerCallback callback = g_mediaplayer_cb;
-  if (callback == nullptr) return PlayerDispatch::kNoCallback;
+  if (callback == nullptr) return Dispatch::kNoCallback;
   const auto it = s.registry.find(player_id);
-  if (it == s.registry.end()) return PlayerDispatch::kNoEntry;
+  if (it == s.registry.end()) return Dispatch::kNoEntry;
   const void* const user_data = it->second;
   InFlightMark mark(s, Family::kPlayer, player_id);
   lock.unlock();
-  callback(event, error, user_data, data1, data2);
-  return PlayerDispatch::kDelivered;
+  return call("player callback", [&] { callback(event, error, user_data, data1, data2); });
 }
 
-bool dispatch_media_sync(PavoMediaSyncMsgType type, const PavoMSEventInfo& info) {
+Dispatch dispatch_media_sync(PavoMediaSyncMsgType type, const PavoMSEventInfo& info) {
   State& s = state();
   std::unique_lock<std::mutex> lock(s.mutex);
   const PavoMediaSyncCallback callback = g_mediasync_cb;
   const void* const user_data = s.mediasync_userdata;
-  if (callback == nullptr || user_data == nullptr) return false;
+  if (callback == nullptr || user_data == nullptr) return Dispatch::kNoCallback;
   InFlightMark mark(s, Family::kMediaSync, 0);
   lock.unlock();
-  callback(type, &info, user_data);
-  return true;
+  return call("media-sync callback", [&] { callback(type, &info, user_data); });
 }
 
-bool dispatch_drm(PavoDrmEvent event, const PavoDrmEventInfo& info, const void* user_data) {
+Dispatch dispatch_drm(PavoDrmEvent event, const PavoDrmEventInfo& info, const void* user_data) {
   State& s = state();
   std::unique_lock<std::mutex> lock(s.mutex);
   const PavoDrmCallback callback = s.drmagent_cb;
-  if (callback == nullptr) return false;
+  if (callback == nullptr) return Dispatch::kNoCallback;
   InFlightMark mark(s, Family::kDrm, 0);
   lock.unlock();
-  callback(event, &info, user_data);
-  return true;
+  return call("DRM callback", [&] { callback(event, &info, user_data); });
 }
 
 }  // namespace pavo::mediaplayer

@@ -51,15 +51,18 @@ bool media_sync_registered();
 void set_drm_callback(PavoDrmCallback callback);
 
 // ---- Dispatch (event thread) ----
-enum class PlayerDispatch { kDelivered, kNoCallback, kNoEntry };
+// A C++ exception of a callback is reported by the transport's guard and
+// swallowed (kCallbackThrew); the forced unwind of thread cancellation
+// passes on.
+enum class Dispatch { kDelivered, kNoCallback, kNoEntry, kCallbackThrew };
 // Calls the player callback with the player's user data. Never inserts.
-PlayerDispatch dispatch_player_event(unsigned player_id, PavoMediaPluginEvent event,
-                                     PavoMediaError error, int data1, double data2);
-// Calls the media-sync callback with its user data; false (no call) when the
-// callback or the user data is null.
-bool dispatch_media_sync(PavoMediaSyncMsgType type, const PavoMSEventInfo& info);
-// Calls the DRM callback with `user_data`; false (no call) when it is null.
-bool dispatch_drm(PavoDrmEvent event, const PavoDrmEventInfo& info, const void* user_data);
+Dispatch dispatch_player_event(unsigned player_id, PavoMediaPluginEvent event, PavoMediaError error,
+                               int data1, double data2);
+// Calls the media-sync callback with its user data; no call (kNoCallback)
+// when the callback or the user data is null.
+Dispatch dispatch_media_sync(PavoMediaSyncMsgType type, const PavoMSEventInfo& info);
+// Calls the DRM callback with `user_data`; no call when it is null.
+Dispatch dispatch_drm(PavoDrmEvent event, const PavoDrmEventInfo& info, const void* user_data);
 
 }  // namespace pavo::mediaplayer
 

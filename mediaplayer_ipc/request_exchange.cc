@@ -1,6 +1,5 @@
 // The exchange in the middle of the request frame: the rendered request goes
 // out on the request client, and the reply comes back to be read.
-#include <cxxabi.h>
 
 #include <cstdlib>
 #include <memory>
@@ -38,7 +37,10 @@ int Command::run() {
   }
   pavo_ipc_msg request{static_cast<uint32_t>(text.size()), text.data()};
   pavo_ipc_msg reply{0, nullptr};
-  const int sent = pavo_ipc_client_send_sync_with_params(request_client(), &request, &reply);
+  const int sent = [&] {
+    const ClientLease client(ClientLease::kRequest);
+    return pavo_ipc_client_send_sync_with_params(client.get(), &request, &reply);
+  }();
   if (text.capacity() > kKeptRequestCapacity) std::string().swap(text);
   const std::unique_ptr<char, FreeDeleter> reply_text(reply.data);
   if (sent != 0) {

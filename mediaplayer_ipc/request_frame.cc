@@ -1,7 +1,5 @@
 #include "mediaplayer_ipc/request_frame.h"
 
-#include <cxxabi.h>
-
 #include <cassert>
 #include <cstdio>
 #include <cstring>
@@ -119,9 +117,7 @@ int Command::read_reply(const char* text) {
       return kUnreadable;
     }
     return read_object(root);
-  } catch (abi::__forced_unwind&) {
-    throw;  // thread cancellation must reach the thread's start
-  } catch (const std::bad_alloc&) {
+  } catch (const std::bad_alloc&) {  // (a cancelled thread's forced unwind passes)
     log_error(function_);
     return kNoMemory;
   }

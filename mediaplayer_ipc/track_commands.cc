@@ -81,7 +81,8 @@ int Pavo_MediaPlayer_IPC_PlatformSubtitleEnable(bool enable) {
     std::string text;
     notice.render(&text);
     pavo_ipc_msg message{static_cast<uint32_t>(text.size()), text.data()};
-    const int sent = pavo_ipc_client_send(notice_client(), &message);
+    const ClientLease client(ClientLease::kNotice);
+    const int sent = pavo_ipc_client_send(client.get(), &message);
     if (sent != 0) log_error(__func__);
     return sent;
   } catch (const std::bad_alloc&) {

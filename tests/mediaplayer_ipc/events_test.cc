@@ -6,6 +6,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -185,6 +186,22 @@ TEST_F(Events, HostileEventsAreDroppedWithAnErrorRecordAndTheThreadGoesOn) {
   const std::string longest = R"({"event_type":0,"player_id":3,"event":6,"data1":2000,"junk":")";
   EXPECT_EQ(deliver({longest + std::string(16384 - longest.size() - 2, 'j') + "\"}"}),
             Calls{"player 6 0 " + ptr(&a_) + " 2000 0.000000"});
+}
+
+void throwing_cb(PavoMediaPluginEvent e, PavoMediaError err, const void* user, int d1, double d2) {
+  if (e == 13) throw std::runtime_error("callback failed");
+  if (e == 14) throw 14;
+  player_cb(e, err, user, d1, d2);
+}
+
+TEST_F(Events, ACallbackThatThrowsCostsOnlyItsEvent) {
+  Pavo_MediaPlayer_IPC_RegisterCallback(3, throwing_cb, &a_);
+  std::string log;
+  EXPECT_EQ(deliver({R"({"event_type":0,"player_id":3,"event":13})", R"({"event_type":0,"player_id":3,"event":14})",
+                     R"({"event_type":0,"player_id":3,"event":6})"},
+                    &log),
+            Calls{"player 6 0 " + ptr(&a_) + " 0 0.000000"});
+  EXPECT_NE(log.find("MediaPlayerIPCAsyncCallback(), line:"), std::string::npos);
 }
 
 TEST_F(Events, ServiceRequestsAreAnswered) {

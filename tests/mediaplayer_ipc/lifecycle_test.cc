@@ -2,6 +2,7 @@
 // Initialize that keeps what it opened first and is completed later.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <fstream>
 #include <string>
 
@@ -49,6 +50,30 @@ TEST_F(Lifecycle, InitializeTwiceOpensOnceAndFinalizeClosesEverything) {
   EXPECT_FALSE(service_.send_service_request(R"({"event_type":7})", std::chrono::milliseconds(200)))
       << "nobody serves the request queue any more";
   EXPECT_EQ(Pavo_MediaPlayer_IPC_Finalize(), 0);
+}
+
+// The event thread's callback asks the service for the position, as the A/V
+// control layer does, while another thread closes the client.
+std::atomic<int> g_result{1};
+std::atomic<double> g_time{0};
+void ask_position(PavoMediaPluginEvent, PavoMediaError, const void*, int, double) {
+  double time = 0;
+  g_result = Pavo_MediaPlayer_IPC_GetCurrentTime(3, &time);
+  g_time = time;
+}
+
+TEST_F(Lifecycle, FinalizeWaitsForACommandThatACallbackHasInFlight) {
+  ASSERT_EQ(Pavo_MediaPlayer_IPC_Initialize(1), 0);
+  Json::Value reply;
+  reply["ret"] = 0;
+  reply["current_time"] = 2.5;
+  service_.script(10, Answer::json(reply, std::chrono::milliseconds(300)));
+  Pavo_MediaPlayer_IPC_RegisterCallback(3, ask_position, nullptr);
+  ASSERT_TRUE(service_.send_event_text(R"({"event_type":0,"player_id":3,"event":6})"));
+  ASSERT_TRUE(service_.wait_for_requests(1));  // the answer is 300 ms away
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_Finalize(), 0);
+  EXPECT_EQ(g_result.load(), 0);
+  EXPECT_EQ(g_time.load(), 2.5);
 }
 
 // Limits the number of queues of this IPC namespace for its lifetime.
