@@ -4,26 +4,24 @@
 #ifndef PAVO_AV_CONTROL_ADAPTOR_MEDIA_LOG_H
 #define PAVO_AV_CONTROL_ADAPTOR_MEDIA_LOG_H
 
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include "pavo_media_log.h"
 
 namespace pavo::avctrl {
 
-// The calling thread's id from the gettid system call, asked once per thread.
-inline long log_thread_id() {
-  thread_local const long tid = syscall(SYS_gettid);
-  return tid;
-}
+// The process id (getpid) and the calling thread's id (the gettid system
+// call), each asked once and kept: every event logs several lines, and each
+// system call costs about as much as a line. A forked child asks again.
+int log_process_id();
+long log_thread_id();
 
 }  // namespace pavo::avctrl
 
 // `function` names the exported function on whose behalf the line is written
 // (helpers are handed it by their caller).
-#define AVCTRL_LOG_AS(function, ...)                                                             \
-  pavo_media_log(PAVO_MEDIA_LOG_LEVEL_INFO, getpid(), ::pavo::avctrl::log_thread_id(), __FILE__, \
-                 (function), __LINE__, nullptr, __VA_ARGS__)
+#define AVCTRL_LOG_AS(function, ...)                                                       \
+  pavo_media_log(PAVO_MEDIA_LOG_LEVEL_INFO, ::pavo::avctrl::log_process_id(),              \
+                 ::pavo::avctrl::log_thread_id(), __FILE__, (function), __LINE__, nullptr, \
+                 __VA_ARGS__)
 
 // A line of the exported function that is being run.
 #define AVCTRL_LOG(...) AVCTRL_LOG_AS(__func__, __VA_ARGS__)

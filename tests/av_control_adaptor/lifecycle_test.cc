@@ -1,11 +1,15 @@
 // Library start, objects and the handle lookup, destruction while events
 // are translated, and the settings.
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <future>
 #include <thread>
 
 #include "av_control_adaptor/event_translation.h"
 #include "avctrl_harness.h"
 #include "hbbtv_plugin_impl_standin.h"
+#include "support/output_capture.h"
 
 namespace pavo::test {
 namespace {
@@ -129,6 +133,26 @@ TEST_F(AvctrlTest, SettingsReachThePlayerWithTheirArguments) {
   EXPECT_EQ(requests_of(19)[0]["language"], "") << "a null language is sent empty";
   answer(21, reply_with(-6));
   EXPECT_EQ(Pavo_AVCtrl_SetLoop(handle_, 3), -6) << "the service's result";
+}
+
+// Lines carry the process and thread ids and the source file relative to the
+// source tree; a forked child logs its own ids.
+TEST(AvctrlLog, LinesNameTheirProcessThreadAndSourceFile) {
+  OutputCapture err(2);
+  Pavo_AVCtrl_GetHandle();  // no object: logs the count
+  const pid_t child = fork();
+  if (child == 0) {
+    Pavo_AVCtrl_GetHandle();
+    _exit(0);
+  }
+  ASSERT_GT(child, 0);
+  waitpid(child, nullptr, 0);
+  const std::string text = err.text();
+  const std::string tail = " av_control_adaptor/object.cc:Pavo_AVCtrl_GetHandle:";
+  const std::string parent = "pid=" + std::to_string(getpid()) + " tid=" + std::to_string(getpid());
+  const std::string forked = "pid=" + std::to_string(child) + " tid=" + std::to_string(child);
+  EXPECT_NE(text.find("[media-log 3] " + parent + tail), std::string::npos) << text;
+  EXPECT_NE(text.find("[media-log 3] " + forked + tail), std::string::npos) << text;
 }
 
 }  // namespace
