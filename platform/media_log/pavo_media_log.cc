@@ -37,11 +37,13 @@ extern "C" void pavo_media_log(PavoMediaLogLevel level, int pid, long tid, const
                                const char* function, int line, const void* ptr, const char* format,
                                ...) {
   (void)ptr;
-  char text[2048];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(text, sizeof text, format ? format : "", args);
-  va_end(args);
+  char text[2048] = "";
+  if (format != nullptr) {
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+  }
 
   char out[2304];
   int n = std::snprintf(out, sizeof out, "[media-log %d] pid=%d tid=%ld %s:%s:%d %s\n",
