@@ -38,6 +38,7 @@
 
 namespace {
 
+using pavo::bench::remove_queue;
 using pavo::bench::Responder;
 using pavo::bench::ScopedPin;
 
@@ -61,10 +62,6 @@ const std::string kReports[2] = {
     styled(R"({"event_type":0,"event":1,"sub_event":0,"player_id":0,"data1":4,"data2":0.0})"),
     styled(R"({"event_type":0,"event":1,"sub_event":0,"player_id":0,"data1":5,"data2":0.0})")};
 
-void remove_queue(key_t key) {
-  const int id = msgget(key, 0);
-  if (id >= 0) msgctl(id, IPC_RMID, nullptr);
-}
 
 // Messages through the transport's own framing, for the responder and the
 // service side of the event benchmarks alike.
@@ -236,10 +233,7 @@ BENCHMARK(BM_TranslatedStateReport)->Apply(placements);
 
 int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
-  if (unshare(CLONE_NEWIPC) != 0) {
-    std::fprintf(stderr,
-                 "bench: no IPC namespace of its own (not root?): using the system's queues\n");
-  }
+  pavo::bench::use_private_ipc_namespace();
   return pavo::bench::run_with_ratios(argc, argv, [](pavo::bench::RatioReporter& r) {
     for (int placement : {pavo::bench::kTwoCores, pavo::bench::kOneCore}) {
       const std::string args = "/placement:" + std::to_string(placement) + "/real_time";

@@ -32,10 +32,8 @@ size_t message_bytes(int chunks) { return chunks == 1 ? 1000 : 16384; }
 key_t bench_key(int which) { return static_cast<key_t>(0x6b000000 | ((getpid() & 0xffff) << 4) | (which << 1)); }
 
 void remove_queues(key_t key) {
-  for (key_t k : {key, key + 1}) {
-    const int id = msgget(k, 0);
-    if (id >= 0) msgctl(id, IPC_RMID, nullptr);
-  }
+  pavo::bench::remove_queue(key);
+  pavo::bench::remove_queue(key + 1);
 }
 
 // The raw baseline: blocking msgsnd/msgrcv of whole frames, as few system

@@ -38,6 +38,7 @@
 
 namespace {
 
+using pavo::bench::remove_queue;
 using pavo::bench::Responder;
 using pavo::bench::ScopedPin;
 using pavo::ipc::pavo_ipc_frame;
@@ -61,10 +62,6 @@ const std::string kTrackReply = styled(
         "encoding":"aac","priority":1,"audioDescription":0,"audioChannels":6,"language":"deu","ret":0})");
 const std::string kEvent = styled(R"({"event_type":0,"event":6,"sub_event":0,"player_id":3,"data1":1000,"data2":0.0})");
 
-void remove_queue(key_t key) {
-  const int id = msgget(key, 0);
-  if (id >= 0) msgctl(id, IPC_RMID, nullptr);
-}
 
 // One single-chunk frame of the transport, kept ready to send.
 struct Frame {
@@ -301,9 +298,7 @@ BENCHMARK(BM_JsonLibrary_GetTrackByIndex)->Unit(benchmark::kMicrosecond);
 
 int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
-  if (unshare(CLONE_NEWIPC) != 0) {
-    std::fprintf(stderr, "bench: no IPC namespace of its own (not root?): using the system's queues\n");
-  }
+  pavo::bench::use_private_ipc_namespace();
   // Pinned like the responders, so that the JSON figures are comparable.
   ScopedPin pin(0);
   return pavo::bench::run_with_ratios(argc, argv, [](pavo::bench::RatioReporter& r) {

@@ -2,6 +2,7 @@
 
 #include <sched.h>
 #include <signal.h>
+#include <sys/msg.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -62,6 +63,17 @@ Responder::~Responder() {
   if (pid_ <= 0) return;
   kill(pid_, SIGKILL);
   waitpid(pid_, nullptr, 0);
+}
+
+void remove_queue(key_t key) {
+  const int id = msgget(key, 0);
+  if (id >= 0) msgctl(id, IPC_RMID, nullptr);
+}
+
+void use_private_ipc_namespace() {
+  if (unshare(CLONE_NEWIPC) != 0) {
+    std::fprintf(stderr, "bench: no IPC namespace of its own (not root?): using the system's queues\n");
+  }
 }
 
 void RatioReporter::ReportRuns(const std::vector<Run>& runs) {

@@ -73,6 +73,14 @@ class RatioReporter : public benchmark::ConsoleReporter {
   std::vector<Line> lines_;
 };
 
+// Removes the message queue of `key`, if there is one.
+void remove_queue(key_t key);
+
+// Moves the process into an IPC namespace of its own (root only), so that
+// benchmarks using the protocol's fixed queue keys meet nothing else; says
+// so on standard error when it cannot.
+void use_private_ipc_namespace();
+
 // Runs the benchmarks with the reporter; then prints its ratios.
 int run_with_ratios(int argc, char** argv, const std::function<void(RatioReporter&)>& add_ratios);
 
