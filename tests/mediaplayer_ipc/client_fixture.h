@@ -28,7 +28,7 @@ class ClientTest : public ::testing::Test {
   ReplyTimeoutOverride timeout_{std::chrono::milliseconds(300)};
 };
 
-// Compact JSON text -> value (aborts the test program on a typo).
+// Compact JSON text -> value (a typo fails the test).
 inline Json::Value json(const std::string& text) {
   Json::Value v;
   if (!Json::Reader().parse(text, v)) {

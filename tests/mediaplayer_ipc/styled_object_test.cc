@@ -22,9 +22,7 @@ TEST(StyledObject, RendersExactlyAsToStyledString) {
                                           "caf\xc3\xa9", "bad\xff utf8", std::string("nul\0in", 6), "\x7f", "/"};
   std::mt19937 random(5);
   for (int round = 0; round < 3000; ++round) {
-    StyledObject object;
-    std::vector<std::string> kept;  // texts live until rendered
-    kept.reserve(StyledObject::kMaxMembers);
+    StyledObject object;  // (the texts outlive it)
     const size_t count = random() % (StyledObject::kMaxMembers + 1);
     std::vector<const char*> pool(std::begin(names), std::end(names));
     std::shuffle(pool.begin(), pool.end(), random);
@@ -35,8 +33,8 @@ TEST(StyledObject, RendersExactlyAsToStyledString) {
         case 2: object.add_double(pool[k], doubles[random() % std::size(doubles)]); break;
         case 3: object.add_bool(pool[k], random() % 2 == 0); break;
         default:
-          kept.push_back(texts[random() % texts.size()]);
-          object.add_text(pool[k], kept.back().data(), kept.back().size());
+          const std::string& member = texts[random() % texts.size()];
+          object.add_text(pool[k], member.data(), member.size());
       }
     }
     std::string text = "old content";

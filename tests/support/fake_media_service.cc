@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -78,8 +77,8 @@ bool send_frames(int queue, long mtype, int32_t kind, const std::string& bytes) 
 using Clock = std::chrono::steady_clock;
 
 // Receives the frames of one message: blocking, or polling until `deadline`
-// when one is given. Returns false when the queue is gone or the deadline
-// passed.
+// when one is given. Returns false when the queue is gone, a frame is not
+// the transport's, or the deadline passed.
 bool receive_message(int queue, long mtype, std::optional<Clock::time_point> deadline,
                      std::string* bytes, Frame* last) {
   bytes->clear();
@@ -88,38 +87,15 @@ bool receive_message(int queue, long mtype, std::optional<Clock::time_point> dea
     if (n < 0) {
       const int err = errno;
       if (err == EINTR) continue;
-      if (err == E2BIG) {  // not a frame of ours: take it off and go on
-        msgrcv(queue, last, kMessageTextSize, mtype, IPC_NOWAIT | MSG_NOERROR);
-        continue;
-      }
       if (err == ENOMSG && deadline && Clock::now() < *deadline) {
         std::this_thread::sleep_for(std::chrono::microseconds(200));
         continue;
       }
       return false;
     }
-    const std::size_t len = std::min<std::size_t>(last->chunk_len, kChunkPayload);
-    bytes->append(last->payload, len);
+    bytes->append(last->payload, std::min<std::size_t>(last->chunk_len, kChunkPayload));
     if (last->is_last) return true;
   }
-}
-
-Received make_received(std::string bytes, int kind) {
-  Received r;
-  r.kind = kind;
-  r.text = std::move(bytes);
-  Json::CharReaderBuilder builder;
-  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  std::string errors;
-  r.parsed = reader->parse(r.text.data(), r.text.data() + r.text.size(), &r.json, &errors);
-  if (!r.parsed) r.json = Json::Value();
-  return r;
-}
-
-int event_type_of(const Received& request) {
-  if (!request.json.isObject()) return -1;
-  const Json::Value& type = request.json["event_type"];
-  return type.isInt() ? type.asInt() : -1;
 }
 
 bool wait_count(std::mutex& mutex, std::condition_variable& cv, const std::vector<Received>& list,
@@ -133,9 +109,7 @@ bool wait_count(std::mutex& mutex, std::condition_variable& cv, const std::vecto
 Answer Answer::json(const Json::Value& reply, std::chrono::milliseconds delay) {
   return Answer{Kind::kReply, reply.toStyledString(), delay};
 }
-Answer Answer::text_reply(std::string text, std::chrono::milliseconds delay) {
-  return Answer{Kind::kReply, std::move(text), delay};
-}
+Answer Answer::text_reply(std::string text) { return Answer{Kind::kReply, std::move(text), {}}; }
 Answer Answer::no_reply() { return Answer{Kind::kNoReply, {}, {}}; }
 Answer Answer::none() { return Answer{Kind::kNone, {}, {}}; }
 
@@ -143,8 +117,8 @@ FakeMediaService::FakeMediaService() {
   request_queue_ = create_fresh_queue(kRequestKey);
   reply_queue_ = create_fresh_queue(kRequestKey + 1);
   notice_queue_ = create_fresh_queue(kNoticeKey);
-  request_thread_ = std::thread([this] { serve_requests(); });
-  notice_thread_ = std::thread([this] { record_notices(); });
+  request_thread_ = std::thread([this] { serve(request_queue_, kRequest); });
+  notice_thread_ = std::thread([this] { serve(notice_queue_, kOneWay); });
 }
 
 FakeMediaService::~FakeMediaService() {
@@ -170,11 +144,6 @@ void FakeMediaService::script(int event_type, Responder responder) {
   script_[event_type] = std::move(responder);
 }
 
-void FakeMediaService::clear_script() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  script_.clear();
-}
-
 std::vector<Received> FakeMediaService::requests() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return requests_;
@@ -193,16 +162,10 @@ bool FakeMediaService::wait_for_notices(std::size_t count, std::chrono::millisec
   return wait_count(mutex_, arrived_, notices_, count, limit);
 }
 
-std::size_t FakeMediaService::answered() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return answered_;
-}
-
 void FakeMediaService::clear_records() {
   std::lock_guard<std::mutex> lock(mutex_);
   requests_.clear();
   notices_.clear();
-  answered_ = 0;
 }
 
 bool FakeMediaService::send_event(const Json::Value& event) const {
@@ -229,67 +192,43 @@ std::optional<ServiceReply> FakeMediaService::send_service_request(
   return ServiceReply{frame->kind, std::string(text.c_str())};
 }
 
-Answer FakeMediaService::answer_for(int event_type, const Json::Value& request) {
+void FakeMediaService::serve(int queue, int32_t kind) {
+  auto frame = std::make_unique<Frame>();
+  std::string bytes;
+  while (receive_message(queue, 0, std::nullopt, &bytes, frame.get())) {
+    if (frame->kind != kind) continue;
+    Received received{bytes, Json::Value()};
+    if (!Json::Reader().parse(bytes, received.json)) received.json = Json::Value();
+    const Json::Value request = received.json;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      (kind == kRequest ? requests_ : notices_).push_back(std::move(received));
+    }
+    arrived_.notify_all();
+    if (kind == kRequest && !answer(frame->mtype, request)) return;
+  }
+}
+
+bool FakeMediaService::answer(long mtype, const Json::Value& request) {
   Responder responder;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    auto it = script_.find(event_type);
+    const Json::Value& type = request.isObject() ? request["event_type"] : Json::Value::nullSingleton();
+    const auto it = type.isInt() ? script_.find(type.asInt()) : script_.end();
     if (it != script_.end()) responder = it->second;
   }
-  if (responder) return responder(request);
   Json::Value ok(Json::objectValue);
   ok["ret"] = 0;
-  return Answer::json(ok);
-}
-
-void FakeMediaService::serve_requests() {
-  auto frame = std::make_unique<Frame>();
-  std::string bytes;
-  while (receive_message(request_queue_, 0, std::nullopt, &bytes, frame.get())) {
-    const long mtype = frame->mtype;
-    if (frame->kind != kRequest) continue;
-    Received request = make_received(bytes, frame->kind);
-    const Json::Value json = request.json;
-    const int event_type = event_type_of(request);
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      requests_.push_back(std::move(request));
-    }
-    arrived_.notify_all();
-    const Answer answer = answer_for(event_type, json);
-    if (answer.delay.count() > 0) {
-      std::unique_lock<std::mutex> lock(mutex_);
-      if (arrived_.wait_for(lock, answer.delay, [this] { return stopping_; })) return;
-    }
-    if (answer.kind == Answer::Kind::kNone) continue;
-    // Counted before it goes out, so that a requester that has its answer
-    // also sees it counted.
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      ++answered_;
-    }
-    const bool sent = answer.kind == Answer::Kind::kReply
-                          ? send_frames(reply_queue_, mtype, kReply, answer.text)
-                          : send_frames(reply_queue_, mtype, kNoReplyKind, std::string("a", 2));
-    if (!sent) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      --answered_;
-    }
+  const Answer answer = responder ? responder(request) : Answer::json(ok);
+  if (answer.delay.count() > 0) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (arrived_.wait_for(lock, answer.delay, [this] { return stopping_; })) return false;
   }
-}
-
-void FakeMediaService::record_notices() {
-  auto frame = std::make_unique<Frame>();
-  std::string bytes;
-  while (receive_message(notice_queue_, 0, std::nullopt, &bytes, frame.get())) {
-    if (frame->kind != kOneWay) continue;
-    Received notice = make_received(bytes, frame->kind);
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      notices_.push_back(std::move(notice));
-    }
-    arrived_.notify_all();
+  if (answer.kind == Answer::Kind::kReply) send_frames(reply_queue_, mtype, kReply, answer.text);
+  if (answer.kind == Answer::Kind::kNoReply) {
+    send_frames(reply_queue_, mtype, kNoReplyKind, std::string("a", 2));
   }
+  return true;
 }
 
 }  // namespace pavo::test

@@ -1,8 +1,9 @@
 // A scripted stand-in of the media-player service, for tests that drive the
 // library's media-player client.
 //
-// It speaks the wire protocol only: System V queues with the fixed keys and
-// the transport's frame layout (chunk size 1024, message type 1). It owns the
+// It speaks the wire protocol only, written here independently of the
+// library's transport: System V queues with the fixed keys and the
+// transport's frame layout (chunk size 1024, message type 1). It owns the
 // service-side queues:
 //   0x95000100  the library's requests (read here)
 //   0x95000101  the replies to them (written here)
@@ -33,6 +34,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -51,13 +53,13 @@ struct Answer {
     kNone,     // nothing at all: the library waits until its reply time-out
   };
   Kind kind = Kind::kReply;
-  std::string text;                      // the reply's bytes (kReply)
-  std::chrono::milliseconds delay{0};    // wait this long before answering
+  std::string text;                    // the reply's bytes (kReply)
+  std::chrono::milliseconds delay{0};  // wait this long before answering
 
   // A reply rendered from `reply` (jsoncpp's styled layout).
   static Answer json(const Json::Value& reply, std::chrono::milliseconds delay = {});
   // A reply of exactly these bytes (need not be JSON; may hold NULs).
-  static Answer text_reply(std::string text, std::chrono::milliseconds delay = {});
+  static Answer text_reply(std::string text);
   static Answer no_reply();
   static Answer none();
 };
@@ -66,8 +68,6 @@ struct Answer {
 struct Received {
   std::string text;  // the bytes as they arrived (frame total)
   Json::Value json;  // parsed `text`; null when it is not JSON
-  bool parsed = false;
-  int kind = 0;      // frame kind of the final frame (2 request, 1 notice)
 };
 
 // What the library answered to a service request.
@@ -97,8 +97,6 @@ class FakeMediaService {
   // ---- Script (replaces any earlier entry for the same "event_type") ----
   void script(int event_type, Answer answer);
   void script(int event_type, Responder responder);
-  // Forgets every entry: all commands are answered {"ret":0} again.
-  void clear_script();
 
   // ---- What arrived ----
   // Requests on 0x95000100, oldest first.
@@ -111,8 +109,6 @@ class FakeMediaService {
   std::vector<Received> notices() const;
   bool wait_for_notices(std::size_t count,
                         std::chrono::milliseconds limit = std::chrono::seconds(5)) const;
-  // Number of requests answered (with a reply or a no-reply answer) so far.
-  std::size_t answered() const;
   // Forgets the recorded requests and notices (counts start from 0 again).
   void clear_records();
 
@@ -129,9 +125,11 @@ class FakeMediaService {
       const std::string& bytes, std::chrono::milliseconds limit = std::chrono::seconds(5)) const;
 
  private:
-  void serve_requests();
-  void record_notices();
-  Answer answer_for(int event_type, const Json::Value& request);
+  // Records every message of `kind` on `queue` until the queue goes, and
+  // answers requests.
+  void serve(int queue, int32_t kind);
+  // Sends the script's answer to `request`; false when stopping meanwhile.
+  bool answer(long mtype, const Json::Value& request);
 
   int request_queue_ = -1;
   int reply_queue_ = -1;
@@ -142,7 +140,6 @@ class FakeMediaService {
   std::map<int, Responder> script_;  // guarded by mutex_
   std::vector<Received> requests_;   // guarded by mutex_
   std::vector<Received> notices_;    // guarded by mutex_
-  std::size_t answered_ = 0;         // guarded by mutex_
   bool stopping_ = false;            // guarded by mutex_
   mutable std::mutex service_request_mutex_;
 
