@@ -1,15 +1,16 @@
-// pavo-logctl run as a program: its command line, no listener, a busy port,
-// this process's own listener, and a scripted second listener that records
-// the control datagrams it gets.
+// pavo-logctl run as a program: its command line and exit codes, a busy port,
+// no listener, this process's listener, a full table that does not confirm a
+// change, and a second listener that makes --port necessary.
 #include <sys/wait.h>
 
 #include <atomic>
 #include <cstdio>
-#include <mutex>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "logctl_command.h"  // PAVO_LOGCTL_COMMAND: the emulator's words, then the program
@@ -18,137 +19,107 @@
 
 namespace {
 
+using ::testing::AllOf;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 using pavo::test::control_datagram;
-using pavo::test::LoopbackSocket;
+using pavo::test::control_record;
 
-struct ToolRun {
-  int code;
-  std::string output;  // standard output and error
-};
-
-ToolRun logctl(const std::vector<std::string>& args) {
-  std::string command;
+// The tool's exit code (-1: it did not exit), a space, and what it wrote to
+// standard output and error with each "port <number>" shown as "port P"
+// (as it was written in `raw`).
+std::string logctl(const std::vector<std::string>& args, std::string* raw = nullptr) {
+  std::string command, output;
   for (const char* word : {PAVO_LOGCTL_COMMAND}) command += std::string("'") + word + "' ";
   for (const std::string& arg : args) command += "'" + arg + "' ";
   FILE* pipe = popen((command + "2>&1").c_str(), "r");
-  ToolRun run{-1, ""};
   char buffer[512];
-  for (size_t n; pipe != nullptr && (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.output.append(buffer, n);
+  for (size_t n; pipe != nullptr && (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
   const int status = pipe != nullptr ? pclose(pipe) : -1;
-  if (status != -1 && WIFEXITED(status)) run.code = WEXITSTATUS(status);
-  return run;
+  if (raw != nullptr) *raw = output;
+  return std::to_string(status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1) + " " +
+         std::regex_replace(output, std::regex("port [0-9]+"), "port P");
 }
 
-// Whether `output` is the single line "port <number>: " + `rest`.
-::testing::AssertionResult port_line(const std::string& output, const std::string& rest) {
-  int end = 0;
-  std::sscanf(output.c_str(), "port %*5[0-9]: %n", &end);
-  if (end > 0 && output.substr(static_cast<size_t>(end)) == rest + "\n") return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << "output: " << output;
-}
+bool listener_started = false;
 
-std::atomic<bool> listener_started{false};
-void start_listener() {
-  if (!listener_started.exchange(true)) pavo_log_initialize(1);
-}
-
-// A second listener: sends its module list every 100 ms and, unless deaf,
-// makes it the text of each control datagram (empty for level 0).
-class ScriptedListener {
- public:
-  explicit ScriptedListener(bool deaf) : deaf_(deaf), thread_([this] { loop(); }) {}
+// A second listener: sends its module list every 100 ms and makes the text of
+// each control datagram its list (empty for level 0).
+struct ScriptedListener {
   ~ScriptedListener() {
-    stop_ = true;
-    thread_.join();
+    stop = true;
+    thread.join();
   }
-  int port() const { return socket_.port; }
-  std::vector<std::string> received() {
-    std::lock_guard<std::mutex> guard(lock_);
-    return received_;
-  }
-
- private:
-  void loop() {
-    for (std::string bytes; !stop_;) {
-      socket_.send_to(PAVO_LOG_CONTROL_PORT, list_);
-      if (socket_.receive(bytes, 100) == 0) continue;
-      std::lock_guard<std::mutex> guard(lock_);
-      received_.push_back(bytes);
-      if (!deaf_) list_ = bytes[PAVO_LOG_CONTROL_LEVEL_OFFSET] == 0 ? "" : bytes.substr(0, bytes.find('\0'));
+  pavo::test::LoopbackSocket socket{0};
+  std::atomic<bool> stop{false};
+  std::thread thread{[this] {  // last: starts once the members above exist
+    for (std::string list = "X", bytes; !stop;) {
+      socket.send_to(PAVO_LOG_CONTROL_PORT, list);
+      if (socket.receive(bytes, 100) == 0) continue;
+      list = bytes.size() > PAVO_LOG_CONTROL_LEVEL_OFFSET && bytes[PAVO_LOG_CONTROL_LEVEL_OFFSET] ? bytes.c_str() : "";
     }
-  }
-
-  const bool deaf_;
-  std::atomic<bool> stop_{false};
-  LoopbackSocket socket_{0};
-  std::string list_ = "X";
-  std::mutex lock_;
-  std::vector<std::string> received_;
-  std::thread thread_;  // last: starts once the members above exist
+  }};
 };
 
-TEST(LogctlTest, CommandLineNoListenerAndBusyPort) {
-  const ToolRun help = logctl({"--help"});
-  EXPECT_EQ(help.code, 0);
-  EXPECT_NE(help.output.find("Exit status"), std::string::npos) << help.output;
+TEST(LogctlTest, CommandLineBusyPortAndNoListener) {
+  EXPECT_THAT(logctl({"--help"}), AllOf(StartsWith("0 Usage: pavo-logctl "), HasSubstr("\nExit status")));
   {
-    // Refused before the tool binds the port (which would be exit code 3).
-    LoopbackSocket holder(PAVO_LOG_CONTROL_PORT);
+    // Refused before the tool binds the port, which would end with code 3.
+    pavo::test::LoopbackSocket holder(PAVO_LOG_CONTROL_PORT);
     ASSERT_TRUE(holder.bound);
     for (const auto& bad : std::vector<std::vector<std::string>>{
              {"bogus"}, {"on"}, {"clear", "X"}, {"on", std::string(33, 'n')}, {"on", "A|B"}, {"on", ""},
              {"off", PAVO_LOG_CLEAR_COMMAND}, {"-p", "0"}, {"--port", "65536"}, {"--timeout", "5s"}, {"-v"}}) {
-      EXPECT_EQ(logctl(bad).code, 2) << bad.front();
+      EXPECT_THAT(logctl(bad), StartsWith("2 pavo-logctl: ")) << bad.front();
     }
-    const ToolRun busy = logctl({"--timeout", "1", "list"});
-    EXPECT_EQ(busy.code, 3);
-    EXPECT_NE(busy.output.find("cannot bind 127.0.0.1:54321"), std::string::npos) << busy.output;
+    EXPECT_THAT(logctl({"--timeout", "1", "list"}), StartsWith("3 pavo-logctl: cannot bind 127.0.0.1:54321: "));
   }
   if (listener_started) GTEST_SKIP() << "a listener runs in this process already";
-  const ToolRun none = logctl({"--timeout", "1", "on", "PAC_PLUGIN"});
-  EXPECT_EQ(none.code, 1);
-  EXPECT_NE(none.output.find("no log control listener heard on 127.0.0.1:54321 within 1 s"),
-            std::string::npos) << none.output;
+  EXPECT_THAT(logctl({"--timeout", "1", "on", "PAC_PLUGIN"}),
+              StartsWith("1 pavo-logctl: no log control listener heard on 127.0.0.1:54321 within 1 s "));
 }
 
-TEST(LogctlTest, SwitchesThisProcessesModulesAndConfirms) {
-  start_listener();
-  EXPECT_TRUE(port_line(logctl({"on", "PAC_PLUGIN"}).output, "every line of PAC_PLUGIN (modules: PAC_PLUGIN)"));
-  EXPECT_EQ(pavo_log_getLevel("PAC_PLUGIN"), 2);
+TEST(LogctlTest, ChangesAListenersModulesAndConfirmsFromItsList) {
+  listener_started = true;
+  ASSERT_EQ(pavo_log_initialize(1), 0);
+  const struct {
+    std::vector<std::string> args;
+    std::string output, datagram;  // the control datagram the listener last applied
+    int level;                     // of PAC_PLUGIN afterwards
+  } steps[] = {
+      {{"on", "PAC_PLUGIN"}, "every line of PAC_PLUGIN (modules: PAC_PLUGIN)", control_datagram("PAC_PLUGIN", 1), 2},
+      {{"errors", "PAC_PLUGIN", "OTHER"}, "error lines only of PAC_PLUGIN|OTHER (modules: OTHER|PAC_PLUGIN)",
+       control_datagram("PAC_PLUGIN|OTHER", 2), 1},
+      {{"off", "OTHER"}, "removed OTHER (modules: PAC_PLUGIN)", control_datagram("OTHER", 0), 1},
+      {{"list"}, "PAC_PLUGIN", control_datagram("OTHER", 0), 1},
+      {{"clear"}, "module list cleared", control_datagram(PAVO_LOG_CLEAR_COMMAND, 0), 1},
+  };
+  for (const auto& step : steps) {
+    EXPECT_EQ(logctl(step.args), "0 port P: " + step.output + "\n");
+    EXPECT_EQ(control_record(), step.datagram) << step.args.front();
+    EXPECT_EQ(pavo_log_getLevel("PAC_PLUGIN"), step.level) << step.args.front();
+  }
 
-  EXPECT_EQ(logctl({"errors", "PAC_PLUGIN", "OTHER"}).code, 0);
-  EXPECT_EQ(pavo_log_getLevel("PAC_PLUGIN"), 1);
-  EXPECT_EQ(pavo_log_getLevel("OTHER"), 1);
-  EXPECT_TRUE(port_line(logctl({"off", "OTHER"}).output, "removed OTHER (modules: PAC_PLUGIN)"));
-  EXPECT_TRUE(port_line(logctl({"list"}).output, "PAC_PLUGIN"));
-  EXPECT_TRUE(port_line(logctl({"clear"}).output, "module list cleared"));
-  char list[PAVO_LOG_MODULES_LIST_SIZE];
-  EXPECT_EQ(get_modules_list(list), 0);
-}
+  std::string full;  // 20 modules: no room for another
+  for (char c = 'a'; c < 'a' + PAVO_LOG_MAX_MODULES; ++c) full += std::string(full.empty() ? "" : "|") + c;
+  ASSERT_EQ(insert_modules_list(full.c_str(), 1), 0);
+  EXPECT_EQ(logctl({"-t", "2", "on", "NEW"}),
+            "5 pavo-logctl: the listener at port P still lists " + full + " after 2 s: change not confirmed\n");
+  clear_modules_list();
 
-TEST(LogctlTest, SeveralListenersNeedAPortAndGetWellFormedDatagrams) {
-  start_listener();
-  ScriptedListener other(false);
-  const std::string port = std::to_string(other.port());
-  const ToolRun ambiguous = logctl({"on", "A"});
-  EXPECT_EQ(ambiguous.code, 4);
-  EXPECT_NE(ambiguous.output.find("choose one with --port"), std::string::npos) << ambiguous.output;
-  const ToolRun both = logctl({"list"});
-  EXPECT_NE(both.output.find("port " + port + ": X\n"), std::string::npos) << both.output;
-
-  for (const char* command : {"on", "errors", "off"}) EXPECT_EQ(logctl({"-p", port, command, "A", "B"}).code, 0);
-  EXPECT_EQ(logctl({"--port", port, "clear"}).code, 0);
-  EXPECT_EQ(other.received(), (std::vector<std::string>{
-                                  control_datagram("A|B", 1), control_datagram("A|B", 2),
-                                  control_datagram("A|B", 0), control_datagram(PAVO_LOG_CLEAR_COMMAND, 0)}));
-  char list[PAVO_LOG_MODULES_LIST_SIZE];
-  EXPECT_EQ(get_modules_list(list), 0) << "this process's listener was left alone";
-
-  ScriptedListener deaf(true);
-  const ToolRun unconfirmed = logctl({"-t", "2", "-p", std::to_string(deaf.port()), "on", "A"});
-  EXPECT_EQ(unconfirmed.code, 5);
-  EXPECT_NE(unconfirmed.output.find("still lists X after 2 s: change not confirmed"), std::string::npos)
-      << unconfirmed.output;
+  ScriptedListener other;
+  const std::string port = std::to_string(other.socket.port);
+  EXPECT_THAT(logctl({"on", "A"}),
+              AllOf(StartsWith("4 pavo-logctl: 2 listeners heard, at ports "), EndsWith("; choose one with --port\n")));
+  std::string raw;
+  EXPECT_THAT(logctl({"list"}, &raw), AllOf(StartsWith("0 port P: "), HasSubstr("port P: (none)\n")));
+  EXPECT_THAT(raw, HasSubstr("port " + port + ": X\n"));
+  for (const char* command : {"on", "errors", "off"}) {
+    EXPECT_THAT(logctl({"-p", port, command, "A", "B"}), StartsWith("0 port P: ")) << command;
+  }
+  EXPECT_EQ(logctl({"--port", port, "clear"}), "0 port P: module list cleared\n");
+  EXPECT_EQ(control_record(), control_datagram("NEW", 1)) << "this process's listener got none of them";
 }
 
 }  // namespace

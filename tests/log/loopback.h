@@ -1,4 +1,4 @@
-// UDP on 127.0.0.1 for the log control tests.
+// UDP on 127.0.0.1 and the control datagram, for the log control tests.
 #ifndef PAVO_TESTS_LOG_LOOPBACK_H
 #define PAVO_TESTS_LOG_LOOPBACK_H
 
@@ -12,22 +12,22 @@
 
 namespace pavo::test {
 
+inline sockaddr_in loopback(int port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_port = htons(static_cast<uint16_t>(port));
+  return a;
+}
+
 // A UDP socket bound to 127.0.0.1:`port` (0: the system picks the port).
 struct LoopbackSocket {
-  static sockaddr_in address(int port) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    return a;
-  }
   explicit LoopbackSocket(int bind_port) : fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    const sockaddr_in a = address(bind_port);
-    bound = bind(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0;
-    sockaddr_in local{};
-    socklen_t n = sizeof local;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&local), &n);
-    port = ntohs(local.sin_port);
+    sockaddr_in a = loopback(bind_port);
+    socklen_t n = sizeof a;
+    bound = bind(fd, reinterpret_cast<sockaddr*>(&a), n) == 0 &&
+            getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n) == 0;
+    port = ntohs(a.sin_port);
   }
   ~LoopbackSocket() { close(fd); }
   LoopbackSocket(const LoopbackSocket&) = delete;
@@ -39,13 +39,13 @@ struct LoopbackSocket {
     char buffer[4096];
     sockaddr_in from{};
     socklen_t n = sizeof from;
-    if (poll(&p, 1, ms) != 1) return 0;
-    const ssize_t got = recvfrom(fd, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &n);
+    const ssize_t got =
+        poll(&p, 1, ms) == 1 ? recvfrom(fd, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &n) : -1;
     bytes.assign(buffer, got > 0 ? static_cast<size_t>(got) : 0);
     return got < 0 ? 0 : ntohs(from.sin_port);
   }
   bool send_to(int to, const std::string& bytes) {
-    const sockaddr_in a = address(to);
+    const sockaddr_in a = loopback(to);
     return sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&a), sizeof a) ==
            static_cast<ssize_t>(bytes.size());
   }
@@ -60,6 +60,14 @@ inline std::string control_datagram(std::string text, unsigned char level) {
   text.resize(PAVO_LOG_CONTROL_SIZE, '\0');
   text[PAVO_LOG_CONTROL_LEVEL_OFFSET] = static_cast<char>(level);
   return text;
+}
+
+// The last control datagram a listener of this process received, read the
+// way its writer stores it.
+inline std::string control_record() {
+  std::string record(sizeof g_modules_info, '\0');
+  for (size_t i = 0; i < record.size(); ++i) record[i] = __atomic_load_n(&g_modules_info[i], __ATOMIC_RELAXED);
+  return record;
 }
 
 }  // namespace pavo::test

@@ -1,0 +1,165 @@
+// The module table (level mapping, names, order, limits and their messages)
+// and the printed lines (exact text and colour of each log type at each
+// effective level, the header, and filtered calls that read nothing).
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <string>
+#include <tuple>
+
+#include <gtest/gtest.h>
+
+#include "pavo_log.h"
+#include "support/output_capture.h"
+
+extern "C" int pavo_log_c_header_check(void);
+
+namespace {
+
+using pavo::test::OutputCapture;
+
+// The module list; "-" when get_modules_list left the buffer untouched.
+// Checks the count it returns and that every byte after the text is a NUL.
+std::string modules() {
+  char out[PAVO_LOG_MODULES_LIST_SIZE];
+  std::memset(out, '-', sizeof out);
+  const int count = get_modules_list(out);
+  if (count == 0) return std::string(out, sizeof out) == std::string(sizeof out, '-') ? "-" : "?";
+  const size_t n = strnlen(out, sizeof out);
+  EXPECT_EQ(std::string(out + n, sizeof out - n), std::string(sizeof out - n, '\0'));
+  EXPECT_EQ(count, 1 + std::count(out, out + n, '|'));
+  return std::string(out, n);
+}
+
+// `text` with each header replaced by "<H>", after comparing it with the
+// header rebuilt from its own timestamp, this process and this thread.
+std::string headers_checked(std::string text, const char* level) {
+  for (size_t at; (at = text.find("time=")) != std::string::npos;) {
+    long long stamp = 0;
+    std::sscanf(text.c_str() + at, "%*[^,],timestamp=%lld", &stamp);
+    const time_t when = static_cast<time_t>(stamp);
+    struct tm t = {};
+    localtime_r(&when, &t);
+    char header[128];
+    const int n = std::snprintf(header, sizeof header,
+                                "time=%d/%d/%d %d:%d:%d,timestamp=%lld,pid=%d,tid=%ld,logtype=%s", t.tm_mday,
+                                t.tm_mon + 1, t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec, stamp,
+                                static_cast<int>(getpid()), static_cast<long>(syscall(SYS_gettid)), level);
+    EXPECT_EQ(text.substr(at, static_cast<size_t>(n)), header);
+    text.replace(at, static_cast<size_t>(n), "<H>");
+  }
+  return text;
+}
+
+// What `call` writes to standard output (checked after the capture ends, so
+// that failures print).
+std::string printed(const std::function<void()>& call) {
+  OutputCapture out(1);
+  call();
+  return out.text();
+}
+
+class LogTest : public ::testing::Test {
+ protected:
+  void SetUp() override { clear_modules_list(); }
+};
+
+TEST_F(LogTest, StoredLevelsExactNamesAndByteOrder) {
+  for (auto [stored, effective] : {std::pair{1, 2}, {2, 1}, {7, 1}, {255, 1}, {-1, 1}, {0, 1}}) {
+    ASSERT_EQ(insert_modules_list("M", stored), 0);
+    EXPECT_EQ(pavo_log_getLevel("M"), effective) << "stored " << stored;
+  }
+  EXPECT_EQ(modules(), "-") << "0 removed it, and lookups add nothing";
+
+  EXPECT_EQ(insert_modules_list(nullptr, 1), -1);
+  EXPECT_EQ(insert_modules_list("|b||B|_|a|\xC3\xA9|A1|A|OTHE|", 1), 0);
+  EXPECT_EQ(modules(), "A|A1|B|OTHE|_|a|b|\xC3\xA9");
+  for (const char* unlisted : {"OTHER", "OTH", "A2", ""}) EXPECT_EQ(pavo_log_getLevel(unlisted), 1) << unlisted;
+  EXPECT_EQ(pavo_log_getLevel(nullptr), 1);
+  EXPECT_EQ(insert_modules_list("B|zz|A1|OTHE", 0), 0);
+  EXPECT_EQ(modules(), "A|_|a|b|\xC3\xA9");
+  EXPECT_EQ(get_modules_list(nullptr), -1);
+}
+
+// Names of more than 32 characters are refused and the rest applied; a full
+// table refuses every nonzero level, even for a module in it, and drops the
+// rest of that request, but still removes.
+TEST_F(LogTest, LimitsOf32CharactersAnd20ModulesWithTheirMessages) {
+  const std::string x33(33, 'x'), c32(32, 'c');
+  std::string all;  // 20 names of 32 characters: 659 characters listed
+  for (char c = 'a'; c < 'a' + PAVO_LOG_MAX_MODULES; ++c) all += (all.empty() ? "" : "|") + std::string(32, c);
+  EXPECT_EQ(printed([&] { insert_modules_list((x33 + "|" + all).c_str(), 1); }),
+            "module:" + x33 + " set error, length is 33, out of max length:32\n");
+  EXPECT_EQ(modules(), all);
+  EXPECT_EQ(printed([&] {
+              insert_modules_list("X|Y", 1);
+              insert_modules_list((c32 + "|Z").c_str(), 2);
+            }),
+            "module:X set error, module_list map has number:20\n"
+            "module:" + c32 + " set error, module_list map has number:20\n");
+  EXPECT_EQ(modules(), all);
+  EXPECT_EQ(pavo_log_getLevel(c32.c_str()), 2);
+  EXPECT_EQ(pavo_log_getLevel((c32 + "c").c_str()), 1);
+  EXPECT_EQ(insert_modules_list(("X|" + c32).c_str(), 0), 0);
+  EXPECT_EQ(insert_modules_list("X", 1), 0);
+  EXPECT_EQ(pavo_log_getLevel("X"), 2);
+  EXPECT_EQ(pavo_log_getLevel(c32.c_str()), 1);
+  EXPECT_EQ(clear_modules_list(), 0);
+  EXPECT_EQ(modules(), "-");
+}
+
+// Each call prints its exact line at the effective levels from the first
+// number on (3: never).
+TEST_F(LogTest, EachCallPrintsItsExactLineFromItsEffectiveLevelOn) {
+  // Filtered calls decide before they touch anything but the module name:
+  // these pointers fault if read at all.
+  const char* const bad = reinterpret_cast<const char*>(uintptr_t{8});
+  for (int type : {PAVO_LOG_TYPE_ENTER, PAVO_LOG_TYPE_INT, PAVO_LOG_TYPE_STRING}) {
+    pavo_log_print(type, "PAC_PLUGIN", bad, bad, 1, bad, bad);
+  }
+  pavo_log("PAC_PLUGIN", bad, bad, 1, "%s %s", bad, bad);
+
+  const std::string G = "\033[32m<H> File", R = "\033[31m<H> File", E = "\n\033[0m";
+  const std::string V = G + ":f.cc Function: F(), line: 7, ";  // a green line with a value
+  const int minus42 = -42;
+  const auto print = [](int type, const char* file, const char* function, const char* name, const void* value) {
+    return [=] { pavo_log_print(type, "PAC_PLUGIN", file, function, 7, name, value); };
+  };
+  const std::tuple<int, std::function<void()>, std::string> calls[] = {
+      {2, print(PAVO_LOG_TYPE_ENTER, "src/a/b.cc", "Open", "n", "v"), G + ": b.cc Function: Open() Enter!" + E},
+      {2, print(PAVO_LOG_TYPE_LEAVE, nullptr, nullptr, "n", "v"), G + ": (null) Function: (null)() Leave!" + E},
+      {1, print(PAVO_LOG_TYPE_ERROR, "../../dir/name", "F", "n", "v"), R + ":name Function: F(), line: 7" + E},
+      {1, print(PAVO_LOG_TYPE_ERROR, "/abs/dir/", "F", "n", "v"), R + ": Function: F(), line: 7" + E},
+      {2, print(PAVO_LOG_TYPE_INT, "f.cc", "F", "ret", &minus42), V + "ret:-42" + E},
+      {2, print(PAVO_LOG_TYPE_INT, "f.cc", "F", "n", nullptr), V + "n:(null)" + E},
+      {2, print(PAVO_LOG_TYPE_STRING, "f.cc", "F", "url", "x://y"), V + "url:x://y" + E},
+      {2, print(PAVO_LOG_TYPE_STRING, "f.cc", "F", nullptr, nullptr), V + "(null):(null)" + E},
+      {3, print(PAVO_LOG_TYPE_MAX, "f.cc", "F", "n", "v"), ""},
+      {3, print(-1, "f.cc", "F", "n", "v"), ""},
+      {3, print(INT32_MIN, "f.cc", "F", "n", "v"), ""},
+      {1, print(PAVO_LOG_TYPE_MAX + 1, "f.cc", "F", "n", "v"), "log type set err, out of max enum value\n"},
+      {2, [] { pavo_log("PAC_PLUGIN", "x/f.cc", "F", 7, "value %d\n", 5); },
+       "<H> File:f.cc Function: F(), line: 7, value 5\n"},  // no colour
+      {2, [] { pavo_log("PAC_PLUGIN", "f.cc", "G", 8, "%s", std::string(3000, 'z').c_str()); },
+       "<H> File:f.cc Function: G(), line: 8, " + std::string(2047, 'z')},  // cut, and no newline of its own
+  };
+  for (int level : {1, 2}) {
+    ASSERT_EQ(insert_modules_list("PAC_PLUGIN", level - 1), 0);  // stored 0: not listed
+    std::string expected;
+    for (const auto& [from, call, line] : calls) expected += level >= from ? line : "";
+    const std::string text = printed([&] {
+      for (const auto& [from, call, line] : calls) call();
+    });
+    EXPECT_EQ(headers_checked(text, level == 1 ? "error" : "info"), expected);
+  }
+}
+
+TEST(LogHeaderAsC, CompilesAndLinksAsC) { EXPECT_EQ(pavo_log_c_header_check(), 1); }
+
+}  // namespace
