@@ -44,9 +44,8 @@ inline Json::Value reply_with(int ret, const char* member = nullptr,
 // A service event for the test object's player.
 inline Json::Value player_event(int event, int data1, double data2 = 0.0) {
   Json::Value e(Json::objectValue);
-  e["event_type"] = 0;
+  e["event_type"] = e["sub_event"] = 0;
   e["event"] = event;
-  e["sub_event"] = 0;
   e["player_id"] = kPlayerId;
   e["data1"] = data1;
   e["data2"] = data2;
@@ -90,29 +89,21 @@ class AvctrlTest : public ::testing::Test {
     EXPECT_TRUE(std::all_of(bytes + (is_double ? sizeof(double) : sizeof(int32_t)),
                             bytes + sizeof *info, [](unsigned char b) { return b == 0; }))
         << "event " << event;
-    {
-      std::lock_guard<std::mutex> lock(test->mutex_);
-      test->add_requests();
-      test->seen_.emplace_back(event, is_double ? info->value.doubleValue : info->value.intValue);
-    }
+    test->seen(event, is_double ? info->value.doubleValue : info->value.intValue);
     if (test->on_post_) test->on_post_(event);
   }
 
-  // Requests and posts in the order they happened.
-  Seen seen() {
+  // Requests and posts in the order they happened; first appends the
+  // requests that arrived since the last call, then the post `event`, if any.
+  Seen seen(int event = kAsk, double value = 0.0) {
     std::lock_guard<std::mutex> lock(mutex_);
-    add_requests();
-    return seen_;
-  }
-
-  // Appends the requests that arrived since the last call.
-  // REQUIRES: mutex_ held.
-  void add_requests() {
-    if (!with_requests_) return;
-    const std::vector<Received> requests = service_.requests();
+    const std::vector<Received> requests =
+        with_requests_ ? service_.requests() : std::vector<Received>();
     for (; requests_seen_ < requests.size(); ++requests_seen_) {
       seen_.emplace_back(kAsk, requests[requests_seen_].json["event_type"].asInt());
     }
+    if (event != kAsk) seen_.emplace_back(event, value);
+    return seen_;
   }
 
   std::vector<Json::Value> requests_of(int event_type) const {
@@ -121,6 +112,17 @@ class AvctrlTest : public ::testing::Test {
       if (r.json["event_type"].asInt() == event_type) out.push_back(r.json);
     }
     return out;
+  }
+
+  // Sets the play-state bookkeeping that the state machine reads.
+  void put(int32_t state, int32_t prev = STOPPED, int32_t command = AVCTRL_CMD_NONE,
+           double speed = 1.0, double pending = PAVO_AVCTRL_PENDING_NONE) {
+    ctx()->play_state = state;
+    ctx()->prev_state = prev;
+    ctx()->last_command = command;
+    ctx()->speed = speed;
+    ctx()->pending_speed = pending;
+    ctx()->error = 1;
   }
 
   // Hands a player event to the object's translation on this thread.

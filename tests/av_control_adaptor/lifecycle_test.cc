@@ -9,6 +9,7 @@
 #include <iterator>
 #include <thread>
 
+#include "av_control_adaptor/components.h"
 #include "avctrl_harness.h"
 #include "support/output_capture.h"
 
@@ -17,17 +18,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-template <typename Fn>
-const void* address(Fn fn) {
-  return reinterpret_cast<const void*>(fn);
-}
-
 int tv_callback(PavoPluginIPCAvContrl, PavoAVComponentType, int) { return 0; }
 
 TEST_F(AvctrlTest, InitializeHandsThePlatformCallbacksToThePlugInInOrder) {
   int user = 0;
   EXPECT_EQ(Pavo_AVCtrl_RegisterCallbackForTV(nullptr, tv_callback, &user), 0);
   EXPECT_EQ(Pavo_AVCtrl_UnregisterCallbackForTV(handle_), 0);
+  auto address = [](auto fn) { return reinterpret_cast<const void*>(fn); };
   // Functions of the plug-in library, less their "Pavo_HbbTV_PAC_" prefix.
   const std::pair<std::string, const void*> expected[] = {
       {"Platform_subtitle_enable_RegisterCallback", address(Pavo_Platform_SubtitleEnable)},
@@ -47,6 +44,8 @@ TEST_F(AvctrlTest, InitializeHandsThePlatformCallbacksToThePlugInInOrder) {
   EXPECT_EQ(calls[6].user_data, &user);
 }
 
+// With other than one object the handle lookup and so the handle-less
+// platform callbacks refuse.
 TEST_F(AvctrlTest, CreateAndDestroyDriveThePlayerAndTheHandleLookup) {
   EXPECT_EQ(Pavo_AVCtrl_GetHandle(), handle_);
   EXPECT_EQ(Pavo_AVCtrl_Create(nullptr, nullptr), -3);
@@ -55,17 +54,34 @@ TEST_F(AvctrlTest, CreateAndDestroyDriveThePlayerAndTheHandleLookup) {
   ASSERT_EQ(Pavo_AVCtrl_Create(nullptr, &second), 0);
   EXPECT_EQ(Pavo_AVCtrl_GetHandle(), nullptr);
   EXPECT_TRUE(logged("Pavo_AVCtrl_GetHandle", "Error: initialized the avc 2 times."));
+  const auto A = PAVO_AV_COMPONENT_TYPE_AUDIO;
+  unsigned count = 9;
+  int index = 9;
+  PavoAVCtrlTrackInfo info{};
+  PavoRecordList list{};
+  const int refused[] = {Pavo_Platform_Get_Track_Number(A, &count),
+                         Pavo_Platform_Get_Track_By_Index(A, 0, &info),
+                         Pavo_Platform_Select_Track(A, 0), Pavo_Platform_Unselect_Track(A, 0),
+                         Pavo_Platform_Get_Current_Track(A, &index),
+                         pavo::avctrl::GetComponents(A, &list)};
+  for (size_t n = 0; n < std::size(refused); ++n) EXPECT_EQ(refused[n], -1) << "call " << n;
+  EXPECT_TRUE(count == 9 && index == 9);
+  EXPECT_TRUE(logged("Pavo_Platform_Select_Track", "avHandle is null."));
+
   EXPECT_EQ(Pavo_AVCtrl_Destroy(second), 0);
   EXPECT_EQ(Pavo_AVCtrl_Destroy(second), 0) << "a second destroy is a no-op";
   EXPECT_EQ(Pavo_AVCtrl_Destroy(nullptr), 0);
   EXPECT_EQ(requests_of(1).at(0)["player_id"], 8);
   EXPECT_EQ(g_avctrl_count, 1);
   EXPECT_EQ(Pavo_AVCtrl_GetHandle(), nullptr) << "cleared by any destruction";
-
   // The first object's routine is still registered for its player.
   ASSERT_TRUE(service_.send_event(player_event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 1.0)));
   ASSERT_TRUE(wait_until([&] { return seen().size() == 3; }));
-  EXPECT_EQ(seen(), (Seen{{kAsk, 0}, {kAsk, 1}, {kPosition, 1000.0}}));
+  EXPECT_EQ(seen(), (Seen{{kAsk, 0}, {kAsk, 1}, {kPosition, 1000.0}})) << "callbacks asked nothing";
+  Pavo_AVCtrl_Destroy(handle_);
+  handle_ = nullptr;
+  EXPECT_EQ(Pavo_AVCtrl_GetHandle(), nullptr);
+  EXPECT_TRUE(logged("Pavo_AVCtrl_GetHandle", "Error: initialized the avc 0 times."));
 }
 
 TEST_F(AvctrlTest, DestroyWaitsForTheEventBeingTranslatedAndLaterEventsAreIgnored) {
@@ -77,24 +93,23 @@ TEST_F(AvctrlTest, DestroyWaitsForTheEventBeingTranslatedAndLaterEventsAreIgnore
   };
   std::thread event_thread([&] { event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 2.0); });
   in_callback.get_future().wait();
-  void* gone = handle_;
-  auto destroyed = std::async(std::launch::async, [gone] { return Pavo_AVCtrl_Destroy(gone); });
+  auto destroyed =
+      std::async(std::launch::async, [gone = handle_] { return Pavo_AVCtrl_Destroy(gone); });
   EXPECT_EQ(destroyed.wait_for(100ms), std::future_status::timeout) << "waits for the translation";
   release.set_value();
   EXPECT_EQ(destroyed.get(), 0);
   event_thread.join();
+  event(PAVO_MEDIA_PLUGIN_EVENT_STATECHANGE, 5);
   handle_ = nullptr;
-  mediaplayer_adaptor_callback(PAVO_MEDIA_PLUGIN_EVENT_STATECHANGE, PAVO_MEDIA_ERR_NETWORK, gone, 5,
-                               0);
   EXPECT_EQ(seen(), (Seen{{kPosition, 2000.0}, {kAsk, 1}})) << "a later event is dropped";
 }
 
 TEST_F(AvctrlTest, ObjectsOwnCallbackMayDestroyIt) {
   on_post_ = [this](int) { Pavo_AVCtrl_Destroy(handle_); };
   event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 2.0);  // released when the translation ends
+  handle_ = nullptr;
   EXPECT_EQ(g_avctrl_count, 0);
   EXPECT_EQ(seen(), (Seen{{kPosition, 2000.0}, {kAsk, 1}}));
-  handle_ = nullptr;
 }
 
 // A thread cancelled while the plug-in's callback runs inside an event
@@ -111,13 +126,13 @@ TEST_F(AvctrlTest, CancelledEventThreadUnwindsThroughTheLibrary) {
     entered = true;
     for (;;) std::this_thread::sleep_for(10ms);  // a cancellation point
   };
-  using Self = std::remove_pointer_t<decltype(this)>;
   pthread_t thread;
-  auto translate = [](void* test) -> void* {
-    static_cast<Self*>(test)->event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 1.0);
+  auto translate = [](void* handle) -> void* {
+    mediaplayer_adaptor_callback(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, PAVO_MEDIA_ERR_NETWORK,
+                                 handle, 0, 1.0);
     return nullptr;
   };
-  ASSERT_EQ(pthread_create(&thread, nullptr, translate, this), 0);
+  ASSERT_EQ(pthread_create(&thread, nullptr, translate, handle_), 0);
   ASSERT_TRUE(wait_until([&] { return entered.load(); }));
   pthread_cancel(thread);
   void* result = nullptr;
@@ -146,13 +161,13 @@ TEST_F(AvctrlTest, SettingsReachThePlayerWithTheirArguments) {
       {Pavo_AVCtrl_UpdateWindow(handle_, &rect), 13, "rect_h", 720},
       {Pavo_AVCtrl_Component_EnableSubtitle(handle_, true), 18, "enable", true},
       {Pavo_AVCtrl_SetSubtitle(handle_, &subtitle), 19, "label", "Deutsch"},
+      {Pavo_AVCtrl_SetFullScreen(handle_, true), 12, "is_fullscreen", 1},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.event_type);
-    EXPECT_EQ(row.result, 0);
-    ASSERT_EQ(requests_of(row.event_type).size(), 1u);
-    EXPECT_EQ(requests_of(row.event_type)[0][row.member], row.value);
-    EXPECT_EQ(requests_of(row.event_type)[0]["player_id"].asUInt(), kPlayerId);
+    const std::vector<Json::Value> sent = requests_of(row.event_type);
+    EXPECT_TRUE(row.result == 0 && sent.size() == 1 && sent[0][row.member] == row.value &&
+                sent[0]["player_id"].asUInt() == kPlayerId)
+        << row.event_type;
   }
   EXPECT_EQ(requests_of(19)[0]["url"], "http://s/sub.ttml");
   EXPECT_EQ(requests_of(19)[0]["language"], "") << "a null language is sent empty";

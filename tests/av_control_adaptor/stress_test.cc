@@ -30,26 +30,24 @@ TEST_F(AvctrlTest, PlugInThreadsAndAnEventFloodStayConsistent) {
   // order, among whatever else the events and the threads post. The last
   // word: playing at 1.5; the first of the two last completions may start a
   // seek that waited, the second ends it.
-  const int states[] = {5, 4, 6, 5, 2, 7, 0, 5};
-  std::vector<Json::Value> events;
-  for (int i = 0; i < kSeekEvents; ++i) {
-    events.push_back(player_event(PAVO_MEDIA_PLUGIN_EVENT_STATECHANGE, states[i % 8]));
-    events.push_back(player_event(PAVO_MEDIA_PLUGIN_EVENT_SPEEDCHANGE, 1000 * (i % 4 - 1)));
-    events.push_back(player_event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 1000.0 + i));
-  }
-  for (const Json::Value& e : events) ASSERT_TRUE(service_.send_event(e));
-  for (auto& thread : plug_in) thread.join();
-  for (const Json::Value& e : {player_event(PAVO_MEDIA_PLUGIN_EVENT_STATECHANGE, 5),
-                               player_event(PAVO_MEDIA_PLUGIN_EVENT_SPEEDCHANGE, 1500),
-                               player_event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 5000.0),
-                               player_event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 5001.0)}) {
-    ASSERT_TRUE(service_.send_event(e));
-  }
-  auto last_position_posted = [&] {
-    const Seen posts = seen();
-    return !posts.empty() && posts.back().second == 5001000.0;
+  int sent = 0;
+  auto send = [&](PavoMediaPluginEvent event, int data1, double data2 = 0.0) {
+    sent += service_.send_event(player_event(event, data1, data2));
   };
-  ASSERT_TRUE(wait_until(last_position_posted, std::chrono::seconds(60)))
+  const int states[] = {5, 4, 6, 5, 2, 7, 0, 5};
+  for (int i = 0; i < kSeekEvents; ++i) {
+    send(PAVO_MEDIA_PLUGIN_EVENT_STATECHANGE, states[i % 8]);
+    send(PAVO_MEDIA_PLUGIN_EVENT_SPEEDCHANGE, 1000 * (i % 4 - 1));
+    send(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 1000.0 + i);
+  }
+  for (auto& thread : plug_in) thread.join();
+  send(PAVO_MEDIA_PLUGIN_EVENT_STATECHANGE, 5);
+  send(PAVO_MEDIA_PLUGIN_EVENT_SPEEDCHANGE, 1500);
+  send(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 5000.0);
+  send(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 5001.0);
+  ASSERT_EQ(sent, 3 * kSeekEvents + 4);
+  ASSERT_TRUE(wait_until([&] { return !seen().empty() && seen().back().second == 5001000.0; },
+                         std::chrono::seconds(60)))
       << "deadlock or lost post";
 
   std::vector<double> positions;

@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
-#include <thread>
+#include <future>
 #include <vector>
 
 #include "pavo_mediaplayer_adaptor.h"
@@ -21,47 +21,39 @@ namespace {
 using pavo::test::Answer;
 using pavo::test::FakeMediaService;
 
-TEST(MediaPlayerAdaptor, ReadsTheResolutionWithDefaults) {
-  const struct {
-    const char* config;  // null: no configuration at all
-    int width, height;
-  } rows[] = {{"ResolutionWidth=1920\nResolutionHeight=1080\n", 1920, 1080},
-              {"ResolutionWidth=wide\nResolutionHeight=0\n", 1280, 0},
-              {"ResolutionHeight=2160\n", 1280, 2160},
-              {nullptr, 1280, 720}};
+// Racing first GetInstance calls share one instance, which reads the
+// resolution; a key that cannot be read takes its default.
+TEST(MediaPlayerAdaptor, RacingFirstCallsShareOneInstanceThatReadsTheResolution) {
   char path[] = "/tmp/pavo_tov_XXXXXX";
   const int fd = mkstemp(path);
   ASSERT_GE(fd, 0);
   close(fd);
   setenv("PAVO_TOV_CONFIG", path, 1);
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.config ? row.config : "none");
-    if (row.config != nullptr) std::ofstream(path) << row.config;
-    if (row.config == nullptr) unsetenv("PAVO_TOV_CONFIG");
-    MediaPlayerAdaptor adaptor;
-    EXPECT_EQ(adaptor.m_resolutionWidth, row.width);
-    EXPECT_EQ(adaptor.m_resolutionHeight, row.height);
-  }
-  unlink(path);
-}
-
-TEST(MediaPlayerAdaptor, RacingFirstCallsShareOneInstance) {
-  constexpr int kThreads = 8;
-  std::vector<MediaPlayerAdaptor*> seen(kThreads);
-  std::atomic<int> ready{0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&, i] {
-      ++ready;
-      while (ready < kThreads) {
+  std::ofstream(path) << "ResolutionWidth=1920\nResolutionHeight=1080\n";
+  std::atomic<bool> go{false};
+  std::vector<std::future<MediaPlayerAdaptor*>> calls;
+  for (int i = 0; i < 8; ++i) {
+    calls.push_back(std::async(std::launch::async, [&go] {
+      while (!go) {
       }
-      seen[i] = MediaPlayerAdaptor::GetInstance();
-    });
+      return MediaPlayerAdaptor::GetInstance();
+    }));
   }
-  for (auto& t : threads) t.join();
-  ASSERT_NE(seen[0], nullptr);
-  for (MediaPlayerAdaptor* p : seen) EXPECT_EQ(p, seen[0]);
-  EXPECT_EQ(MediaPlayerAdaptor::m_instance, seen[0]);
+  go = true;
+  for (auto& call : calls) EXPECT_EQ(call.get(), MediaPlayerAdaptor::m_instance);
+  ASSERT_NE(MediaPlayerAdaptor::m_instance, nullptr);
+  EXPECT_EQ(MediaPlayerAdaptor::m_instance->m_resolutionWidth, 1920);
+  EXPECT_EQ(MediaPlayerAdaptor::m_instance->m_resolutionHeight, 1080);
+
+  std::ofstream(path) << "ResolutionWidth=wide\nResolutionHeight=0\n";
+  EXPECT_EQ(MediaPlayerAdaptor().m_resolutionWidth, 1280);
+  EXPECT_EQ(MediaPlayerAdaptor().m_resolutionHeight, 0);
+  std::ofstream(path) << "ResolutionHeight=2160\n";
+  EXPECT_EQ(MediaPlayerAdaptor().m_resolutionWidth, 1280) << "no key";
+  unsetenv("PAVO_TOV_CONFIG");
+  unlink(path);
+  EXPECT_EQ(MediaPlayerAdaptor().m_resolutionWidth, 1280) << "no configuration";
+  EXPECT_EQ(MediaPlayerAdaptor().m_resolutionHeight, 720);
 }
 
 void on_player_event(PavoMediaPluginEvent, PavoMediaError, const void*, int, double) {}
@@ -74,11 +66,11 @@ TEST(MediaPlayerAdaptor, EveryMemberForwardsItsArgumentsAndResult) {
   FakeMediaService service;
   // Each command answers a result of its own, so that a swapped forwarding
   // or a dropped result shows.
+  Json::Value reply(Json::objectValue);
+  reply["player_id"] = 41;
+  reply["source_type"] = 3;
   for (int type = 0; type <= 109; ++type) {
-    Json::Value reply(Json::objectValue);
     reply["ret"] = -(100 + type);
-    reply["player_id"] = 41;
-    reply["source_type"] = 3;
     service.script(type, Answer::json(reply));
   }
   ASSERT_EQ(mediaplayer_initialize(), 0);
@@ -96,29 +88,26 @@ TEST(MediaPlayerAdaptor, EveryMemberForwardsItsArgumentsAndResult) {
   char buffer[16] = {};
   pavoDisplayerSource source{};
   // Each row: the call, its command and one request member that carries an
-  // argument. Every result is the service's "ret", except the two commands
-  // whose client reports 0 for every parsed reply.
+  // argument (by default the player). Every result is the service's "ret",
+  // except the two commands whose client reports 0 for every parsed reply.
   const struct {
     std::function<int()> call;
     int event_type;
-    const char* member;
-    Json::Value value;
+    const char* member = "player_id";
+    Json::Value value = 5;
   } rows[] = {
+      // clang-format off
       {[&] { return mp.Create(id, 7); }, 0, "event_type", 0},
-      {[&] { return mp.Destroy(5); }, 1, "player_id", 5},
+      {[&] { return mp.Destroy(5); }, 1}, {[&] { return mp.GetPlayState(5, &state); }, 14},
       {[&] { return mp.Load(5, "http://m"); }, 2, "url", "http://m"},
       {[&] { return mp.Play(6); }, 3, "player_id", 6},
-      {[&] { return mp.Pause(5); }, 4, "player_id", 5},
-      {[&] { return mp.Stop(5); }, 5, "player_id", 5},
+      {[&] { return mp.Pause(5); }, 4},                {[&] { return mp.Stop(5); }, 5},
       {[&] { return mp.Seek(5, 12.5); }, 6, "pos", 12.5},
       {[&] { return mp.SetPlayRate(5, 2000.0); }, 7, "play_rate", 2000.0},
-      {[&] { return mp.GetDuration(5, &d); }, 8, "player_id", 5},
-      {[&] { return mp.GetPlayRate(5, &d); }, 9, "player_id", 5},
-      {[&] { return mp.GetCurrentTime(5, &d); }, 10, "player_id", 5},
-      {[&] { return mp.GetFullscreen(5, &i); }, 11, "player_id", 5},
+      {[&] { return mp.GetDuration(5, &d); }, 8},      {[&] { return mp.GetPlayRate(5, &d); }, 9},
+      {[&] { return mp.GetCurrentTime(5, &d); }, 10}, {[&] { return mp.GetFullscreen(5, &i); }, 11},
       {[&] { return mp.SetFullscreen(5, 1); }, 12, "is_fullscreen", 1},
       {[&] { return mp.SetVideoWindowRect(5, &rect); }, 13, "rect_h", 4},
-      {[&] { return mp.GetPlayState(5, &state); }, 14, "player_id", 5},
       {[&] { return mp.SetMimetype(5, "video/mp4"); }, 15, "mime_type", "video/mp4"},
       {[&] { return mp.SetLicenseServerUrl(5, "http://la"); }, 16, "url", "http://la"},
       {[&] { return mp.SetCustomData(5, "cd"); }, 17, "data", "cd"},
@@ -134,16 +123,16 @@ TEST(MediaPlayerAdaptor, EveryMemberForwardsItsArgumentsAndResult) {
       {[&] { return mp.StopAllPlayers(); }, 28, "event_type", 28},
       {[&] { return mp.ChangeDisplaySourceToDTV(); }, 29, "event_type", 29},
       {[&] { return MediaPlayerAdaptor::GetCurrentSource(source); }, 30, "event_type", 30},
-      {[&] { return mp.RegisterMediaSyncCallback(5, on_sync_event, &d); }, 100, "player_id", 5},
-      {[&] { return mp.UnregisterMediaSyncCallback(5); }, 101, "player_id", 5},
-      {[&] { return mp.StartMediaSync(5); }, 102, "player_id", 5},
-      {[&] { return mp.StopMediaSync(5); }, 103, "player_id", 5},
+      {[&] { return mp.RegisterMediaSyncCallback(5, on_sync_event, &d); }, 100},
+      {[&] { return mp.UnregisterMediaSyncCallback(5); }, 101},
+      {[&] { return mp.GetCurrentTimeline(5, &timeline); }, 106},
+      {[&] { return mp.StartMediaSync(5); }, 102},     {[&] { return mp.StopMediaSync(5); }, 103},
       {[&] { return mp.SetTimelineSelector(5, "urn:t"); }, 104, "timeline_selector", "urn:t"},
       {[&] { return u = 16, mp.GetMRSUrl(5, buffer, &u); }, 105, "len", 16},
-      {[&] { return mp.GetCurrentTimeline(5, &timeline); }, 106, "player_id", 5},
       {[&] { return u = 16, mp.GetContentId(5, buffer, &u, &status); }, 107, "len", 16},
       {[&] { return mp.EnableMutilStreamSync(5, true); }, 108, "enable", true},
       {[&] { return mp.GetPlayerIdBySource("dvb://1", by_source); }, 109, "source", "dvb://1"},
+      // clang-format on
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.event_type);
