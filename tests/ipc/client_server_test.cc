@@ -1,12 +1,17 @@
-// Client and server ends in one process: exchanges, stop orders, late
-// clients, concurrency and the failure paths of the receive thread.
+// Client and server ends: exchanges, the no-reply answer, stop orders, late
+// clients, two processes, concurrency, the bounded wait for a reply and the
+// failure paths of the receive thread.
 #include <gtest/gtest.h>
 #include <sys/msg.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -14,309 +19,323 @@
 #include <vector>
 
 #include "pavo_ipc.h"
+#include "support/emulation.h"
 #include "support/output_capture.h"
 #include "support/reply_timeout_override.h"
 #include "support/test_queues.h"
 
 namespace {
 
+using pavo::test::OutputCapture;
 using pavo::test::ScopedQueues;
 using pavo::test::unique_key;
 using pavo::test::wait_until;
 using namespace std::chrono_literals;
 
 constexpr uint32_t kN = 1024;
+char* const kUntouched = reinterpret_cast<char*>(0x1);
 
-// The message refers to the text: string literals, or strings that outlive it.
+// The message refers to the text: literals, or strings that outlive it.
 pavo_ipc_msg msg_of(const char* literal) {
   return pavo_ipc_msg{static_cast<uint32_t>(std::strlen(literal)), const_cast<char*>(literal)};
 }
-pavo_ipc_msg msg_of(const std::string& s) {
-  return pavo_ipc_msg{static_cast<uint32_t>(s.size()), const_cast<char*>(s.data())};
-}
-pavo_ipc_msg msg_of(std::string&&) = delete;
+pavo_ipc_msg msg_of(std::string& s) { return pavo_ipc_msg{static_cast<uint32_t>(s.size()), s.data()}; }
 
 pavo_ipc_msg* make_reply(const std::string& text) {
-  auto* reply = new pavo_ipc_msg;
-  reply->data = strdup(text.c_str());
-  reply->len = static_cast<uint32_t>(text.size());
-  return reply;
+  return new pavo_ipc_msg{static_cast<uint32_t>(text.size()), strdup(text.c_str())};
 }
 
-// What a server callback saw.
+// What a server callback saw: exactly `len` bytes of each message.
 struct Recorder {
   std::mutex mu;
   std::vector<std::string> texts;
-  std::vector<uint32_t> lens;
-  void add(const pavo_ipc_msg* m) {
-    std::lock_guard<std::mutex> lock(mu);
-    texts.emplace_back(m->data);
-    lens.push_back(m->len);
-  }
-  size_t count() {
-    std::lock_guard<std::mutex> lock(mu);
-    return texts.size();
-  }
-  // Copies taken under the lock: the receive thread may still be writing.
   std::vector<std::string> seen() {
     std::lock_guard<std::mutex> lock(mu);
     return texts;
   }
-  std::vector<uint32_t> seen_lens() {
-    std::lock_guard<std::mutex> lock(mu);
-    return lens;
-  }
 };
 
-pavo_ipc_msg* record_only(pavo_ipc_msg* m, void* user) {
-  static_cast<Recorder*>(user)->add(m);
+pavo_ipc_msg* record(pavo_ipc_msg* m, void* user) {
+  auto* rec = static_cast<Recorder*>(user);
+  std::lock_guard<std::mutex> lock(rec->mu);
+  rec->texts.emplace_back(m->data, m->len);
   return nullptr;
 }
 
+// Answers "echo:<text>"; for a text "slow N", only after N ms.
 pavo_ipc_msg* echo(pavo_ipc_msg* m, void* user) {
-  if (user) static_cast<Recorder*>(user)->add(m);
-  return make_reply(std::string("echo:") + m->data);
+  if (user) record(m, user);
+  int delay_ms = 0;
+  if (std::sscanf(m->data, "slow %d", &delay_ms) == 1) std::this_thread::sleep_for(delay_ms * 1ms);
+  return make_reply(std::string("echo:") + m->data);  // relies on the terminating NUL
 }
 
-// A server and a client of one key pair, torn down in the right order.
-class Pair {
- public:
-  explicit Pair(int sync = 1, int msg_type = 1) : queues_(unique_key()) {
-    EXPECT_EQ(pavo_ipc_server_create(queues_.key(), msg_type, sync, kN, &server), 0);
-    EXPECT_EQ(pavo_ipc_client_create(queues_.key(), msg_type, sync, kN, &client), 0);
+struct Result {
+  int rc;
+  std::string text;  // the reply; on failure "<rc null>" or "<rc untouched>" for reply_out->data
+  uint32_t len;
+  std::chrono::steady_clock::duration took;
+};
+
+Result request(pavo_ipc_client* client, std::string text, uint32_t preset_len = 7777) {
+  pavo_ipc_msg req = msg_of(text), reply{preset_len, kUntouched};
+  const auto start = std::chrono::steady_clock::now();
+  Result r{pavo_ipc_client_send_sync_with_params(client, &req, &reply), "", 0, {}};
+  r.took = std::chrono::steady_clock::now() - start;
+  r.len = reply.len;
+  if (r.rc == 0) {
+    r.text = reply.data;
+    std::free(reply.data);
+  } else {
+    r.text = "<" + std::to_string(r.rc) +
+             (reply.data == nullptr ? " null>" : reply.data == kUntouched ? " untouched>" : " garbage>");
+  }
+  return r;
+}
+
+// A frame as msgsnd/msgrcv move it: words kind, total_len, seq_no, is_last,
+// 1, 0, chunk_len, then the payload.
+struct Frame {
+  long mtype;
+  uint32_t words[7];
+  char payload[kN + 4];
+};
+
+// Puts one final frame straight on queue `key`, claiming `total_len` bytes.
+void put_frame(key_t key, uint32_t kind, const std::string& text, uint32_t total_len) {
+  Frame f{1, {kind, total_len, 1, 1, 1, 0, static_cast<uint32_t>(text.size())}, {}};
+  std::memcpy(f.payload, text.data(), text.size());
+  ASSERT_EQ(msgsnd(msgget(key, 0), &f, kN + 32, 0), 0);
+}
+
+// A server and a client of one key pair, torn down in the right order. A
+// server without sync ignores requests: a sync client of it finds a reply
+// queue (made here) that nobody answers on.
+struct Pair {
+  explicit Pair(int server_sync = 1, int client_sync = -1) : queues(unique_key()) {
+    msgget(queues.key() + 1, IPC_CREAT | 0666);
+    EXPECT_EQ(pavo_ipc_server_create(queues.key(), 1, server_sync, kN, &server), 0);
+    EXPECT_EQ(pavo_ipc_client_create(queues.key(), 1, client_sync < 0 ? server_sync : client_sync, kN, &client), 0);
   }
   ~Pair() {
     if (server) pavo_ipc_server_destroy(server);
     pavo_ipc_client_destroy(client);
   }
-  key_t key() const { return queues_.key(); }
-
-  struct Result {
-    int rc;
-    std::string text;
-    uint32_t len;
-  };
-  Result request(const std::string& text, uint32_t preset_len = 7777) {
-    pavo_ipc_msg req = msg_of(text);
-    pavo_ipc_msg reply{preset_len, nullptr};
-    Result r{pavo_ipc_client_send_sync_with_params(client, &req, &reply), "", reply.len};
-    if (reply.data) r.text = reply.data;
-    std::free(reply.data);
-    return r;
-  }
-
+  key_t key() const { return queues.key(); }
+  ScopedQueues queues;
   pavo_ipc_server* server = nullptr;
   pavo_ipc_client* client = nullptr;
-
- private:
-  ScopedQueues queues_;
 };
 
-TEST(SyncExchange, ReplyComesBackWithItsLength) {
+// One-way messages and requests of every size reach the callback in the
+// order sent, and each reply comes back with its length.
+TEST(Exchange, MessagesAndRepliesOfEverySizeInOrder) {
   Pair p;
   Recorder rec;
   ASSERT_EQ(pavo_ipc_server_register_callback(p.server, echo, &rec), 0);
-  for (size_t len : {size_t{1}, size_t{1025}, size_t{1026}, size_t{16000}}) {
-    const std::string text(len, 'q');
-    auto r = p.request(text);
-    ASSERT_EQ(r.rc, 0);
-    EXPECT_EQ(r.text, "echo:" + text);
+  std::vector<std::string> sent;
+  for (size_t len : {1, 1025, 1026, 9000, 16000}) {
+    for (int i = 0; i < 5; ++i) {
+      sent.push_back(std::to_string(i) + std::string(len, '.'));
+      pavo_ipc_msg m = msg_of(sent.back());
+      EXPECT_EQ(pavo_ipc_client_send(p.client, &m), 0);
+    }
+    sent.emplace_back(len, 'q');
+    const Result r = request(p.client, sent.back());
+    EXPECT_EQ(r.rc, 0);
+    EXPECT_EQ(r.text, "echo:" + sent.back());
     EXPECT_EQ(r.len, len + 5);
   }
-  EXPECT_EQ(rec.seen_lens(), (std::vector<uint32_t>{1, 1025, 1026, 16000}));
-}
-
-// No callback, a null reply, a reply too long to send, a callback that
-// throws: the requester gets the placeholder "a" and its len untouched, and
-// the receive thread goes on.
-TEST(SyncExchange, EveryMissingReplyGivesPlaceholderA) {
-  Pair p;
-  const pavo_ipc_server_callback no_reply[] = {
-      nullptr,
-      [](pavo_ipc_msg*, void*) -> pavo_ipc_msg* { return nullptr; },
-      [](pavo_ipc_msg*, void*) { return make_reply(std::string(16385, 'z')); },
-      [](pavo_ipc_msg*, void*) -> pavo_ipc_msg* { throw std::runtime_error("boom"); },
-  };
-  pavo::test::OutputCapture err(2);
-  for (pavo_ipc_server_callback callback : no_reply) {
-    ASSERT_EQ(pavo_ipc_server_register_callback(p.server, callback, nullptr), 0);
-    auto r = p.request("anyone?", 41);
-    EXPECT_EQ(r.rc, 0);
-    EXPECT_EQ(r.text, "a");
-    EXPECT_EQ(r.len, 41u) << "len is left as the caller set it";
-  }
-  ASSERT_EQ(pavo_ipc_server_register_callback(p.server, echo, nullptr), 0);
-  EXPECT_EQ(p.request("alive").text, "echo:alive");
-}
-
-TEST(SyncExchange, CallbackVariantSeesOnlyRealReplies) {
-  Pair p;
-  static std::string seen;
-  static int calls;
-  seen.clear();
-  calls = 0;
-  auto on_reply = [](pavo_ipc_msg* reply, int status) {
-    ++calls;
-    seen.assign(reply->data, reply->len);
-    EXPECT_EQ(status, 0);
-    return 0;
-  };
-  pavo_ipc_msg req = msg_of("hello");
-  EXPECT_EQ(pavo_ipc_client_send_sync_with_callback(p.client, &req, on_reply), 0);
-  EXPECT_EQ(calls, 0) << "a no-reply answer is not handed to the callback";
-  ASSERT_EQ(pavo_ipc_server_register_callback(p.server, echo, nullptr), 0);
-  EXPECT_EQ(pavo_ipc_client_send_sync_with_callback(p.client, &req, on_reply), 0);
-  EXPECT_EQ(calls, 1);
-  EXPECT_EQ(seen, "echo:hello");
-  EXPECT_EQ(pavo_ipc_client_send_sync_with_callback(p.client, &req, nullptr), 0);
-}
-
-TEST(ClientArguments, RefusedBeforeAnythingIsSent) {
-  Pair p;
-  Recorder rec;
-  ASSERT_EQ(pavo_ipc_server_register_callback(p.server, record_only, &rec), 0);
-  std::string empty;
-  pavo_ipc_msg none = msg_of(empty), one = msg_of("x"), reply{0, nullptr};
-  const std::string big(16385, 'b');
-  pavo_ipc_msg too_big = msg_of(big);
-  EXPECT_EQ(pavo_ipc_client_send(p.client, &none), -3);
-  EXPECT_EQ(pavo_ipc_client_send(nullptr, &one), -3);
-  EXPECT_EQ(pavo_ipc_client_send(p.client, nullptr), -3);
-  EXPECT_EQ(pavo_ipc_client_send(p.client, &too_big), -1);
-  EXPECT_EQ(pavo_ipc_client_send_sync_with_params(p.client, &none, &reply), -3);
-  EXPECT_EQ(pavo_ipc_client_send_sync_with_params(p.client, &one, nullptr), -3);
-  EXPECT_EQ(pavo_ipc_client_send_sync_with_params(p.client, &too_big, &reply), -1);
-  EXPECT_EQ(reply.data, nullptr);
-
-  pavo_ipc_client* one_way = nullptr;
-  ASSERT_EQ(pavo_ipc_client_create(p.key(), 1, 0, kN, &one_way), 0);
-  EXPECT_EQ(pavo_ipc_client_send_sync_with_params(one_way, &one, &reply), -3) << "client without sync";
-  pavo_ipc_client_destroy(one_way);
-  EXPECT_EQ(pavo_ipc_client_create(p.key(), 1, 1, kN, nullptr), -3);
-  EXPECT_EQ(pavo_ipc_client_destroy(nullptr), -3);
-  EXPECT_EQ(pavo_ipc_server_destroy(nullptr), -3);
-  EXPECT_EQ(pavo_ipc_server_register_callback(nullptr, echo, nullptr), -3);
-  EXPECT_EQ(pavo_ipc_server_unregister_callback(nullptr), -3);
-
-  std::this_thread::sleep_for(50ms);
-  EXPECT_EQ(rec.count(), 0u) << "nothing refused may reach the server";
-}
-
-TEST(Lifecycle, ClientCreatedBeforeItsServerWorksOnceTheQueuesExist) {
-  ScopedQueues queues(unique_key());
-  pavo_ipc_client* client = nullptr;
-  ASSERT_EQ(pavo_ipc_client_create(queues.key(), 1, 1, kN, &client), 0);
-  pavo_ipc_msg m = msg_of("early"), reply{0, nullptr};
-  EXPECT_EQ(pavo_ipc_client_send(client, &m), -3);
-  EXPECT_EQ(pavo_ipc_client_send_sync_with_params(client, &m, &reply), -3);
-
-  pavo_ipc_server* server = nullptr;
-  ASSERT_EQ(pavo_ipc_server_create(queues.key(), 1, 1, kN, &server), 0);
-  Recorder rec;
-  ASSERT_EQ(pavo_ipc_server_register_callback(server, echo, &rec), 0);
-  EXPECT_EQ(pavo_ipc_client_send(client, &m), 0);
-  ASSERT_EQ(pavo_ipc_client_send_sync_with_params(client, &m, &reply), 0);
-  EXPECT_STREQ(reply.data, "echo:early");
-  std::free(reply.data);
-  EXPECT_EQ(rec.seen(), (std::vector<std::string>{"early", "early"}));
-  pavo_ipc_server_destroy(server);
-  pavo_ipc_client_destroy(client);
-}
-
-TEST(Lifecycle, OneWayMessagesReachTheCallbackInOrder) {
-  Pair p(0);
-  Recorder rec;
-  ASSERT_EQ(pavo_ipc_server_register_callback(p.server, record_only, &rec), 0);
-  std::vector<std::string> sent;
-  for (int i = 0; i < 20; ++i) {
-    sent.push_back("message " + std::to_string(i) + std::string(i * 500, '.'));
-    pavo_ipc_msg m = msg_of(sent.back());
-    ASSERT_EQ(pavo_ipc_client_send(p.client, &m), 0);
-  }
-  ASSERT_TRUE(wait_until([&] { return rec.count() == sent.size(); }));
   EXPECT_EQ(rec.seen(), sent);
 }
 
-TEST(Lifecycle, ServerWithoutSyncIgnoresRequests) {
-  Pair p(0);
-  ASSERT_EQ(msgget(p.key() + 1, IPC_CREAT | 0666) >= 0, true);  // so the client can open it
-  pavo_ipc_client* requester = nullptr;
-  ASSERT_EQ(pavo_ipc_client_create(p.key(), 1, 1, kN, &requester), 0);
-  Recorder rec;
-  ASSERT_EQ(pavo_ipc_server_register_callback(p.server, echo, &rec), 0);
-  pavo::test::ReplyTimeoutOverride short_wait(300ms);
-  pavo_ipc_msg m = msg_of("anyone?");
-  pavo_ipc_msg reply{0, nullptr};
-  pavo::test::OutputCapture err(2);
-  EXPECT_EQ(pavo_ipc_client_send_sync_with_params(requester, &m, &reply), -1);
-  EXPECT_EQ(reply.data, nullptr);
-  EXPECT_EQ(rec.count(), 0u);
-  pavo_ipc_client_destroy(requester);
-}
-
-TEST(Lifecycle, ExitMessageIsDeliveredThenEndsTheThread) {
-  Pair p(1);
-  Recorder rec;
-  ASSERT_EQ(pavo_ipc_server_register_callback(p.server, record_only, &rec), 0);
-  pavo_ipc_msg exit_msg = msg_of("exit now"), after = msg_of("after exit");
-  ASSERT_EQ(pavo_ipc_client_send(p.client, &exit_msg), 0);
-  ASSERT_TRUE(wait_until([&] { return rec.count() == 1; }));
-  ASSERT_EQ(pavo_ipc_client_send(p.client, &after), 0);
-  std::this_thread::sleep_for(100ms);
-  EXPECT_EQ(rec.seen(), std::vector<std::string>{"exit now"});
-
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(pavo_ipc_server_destroy(p.server), 0);
-  p.server = nullptr;
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms) << "an ended thread is not waited for";
-  EXPECT_EQ(pavo::test::queued_messages(p.key()), 1) << "only the unread message, no stop frame";
-}
-
-TEST(Lifecycle, OnlyAnEmptyStopFrameStopsTheThread) {
-  Pair p(1);
-  Recorder rec;
-  ASSERT_EQ(pavo_ipc_server_register_callback(p.server, record_only, &rec), 0);
-  const int qid = msgget(p.key(), 0);
-  pavo_ipc_msg not_empty = msg_of("x"), probe = msg_of("still here");
-  ASSERT_EQ(ipc_snd_internal(qid, 1, kN, &not_empty, 0), 0);
-  ASSERT_EQ(pavo_ipc_client_send(p.client, &probe), 0);
-  ASSERT_TRUE(wait_until([&] { return rec.count() == 1; }));
-
-  std::string empty;
-  pavo_ipc_msg stop = msg_of(empty);
-  ASSERT_EQ(ipc_snd_internal(qid, 1, kN, &stop, 0), 0);
-  ASSERT_TRUE(wait_until([&] { return pavo::test::queued_messages(p.key()) == 0; }));
-  ASSERT_EQ(pavo_ipc_client_send(p.client, &probe), 0);
-  std::this_thread::sleep_for(100ms);
-  EXPECT_EQ(rec.count(), 1u) << "the stop frame ended the thread";
-}
-
-TEST(Lifecycle, RegistrationReplacesAndUnregistrationSilences) {
+// No callback, a null reply, a reply too long to send, a callback that
+// throws, an unregistered callback: the requester gets the no-reply answer
+// "a" with its len untouched, and the receive thread goes on. Registration
+// replaces the callback and its user data.
+TEST(Exchange, EveryMissingReplyGivesTheNoReplyAnswer) {
   Pair p;
+  // On the wire: one kind-4 frame of "a" and its NUL, of the request's mtype.
+  put_frame(p.key(), 2, "hi", 2);
+  Frame f{};
+  ASSERT_EQ(msgrcv(msgget(p.key() + 1, 0), &f, kN + 32, 0, 0), ssize_t{kN + 32});
+  EXPECT_EQ(f.mtype, 1);
+  EXPECT_EQ(std::vector<uint32_t>(f.words, f.words + 7), (std::vector<uint32_t>{4, 2, 1, 1, 1, 0, 2}));
+  EXPECT_EQ(std::memcmp(f.payload, "a\0\0", 3), 0);
+
   Recorder a, b;
-  ASSERT_EQ(pavo_ipc_server_register_callback(p.server, echo, &a), 0);
-  ASSERT_EQ(pavo_ipc_server_register_callback(p.server, echo, &a), 0);
-  EXPECT_EQ(p.request("1").text, "echo:1");
-  ASSERT_EQ(pavo_ipc_server_register_callback(p.server, echo, &b), 0);
-  EXPECT_EQ(p.request("2").text, "echo:2");
-  ASSERT_EQ(pavo_ipc_server_unregister_callback(p.server), 0);
-  EXPECT_EQ(p.request("3").text, "a");
-  EXPECT_EQ(a.seen(), std::vector<std::string>{"1"});
-  EXPECT_EQ(b.seen(), std::vector<std::string>{"2"});
+  const struct {
+    pavo_ipc_server_callback callback;
+    Recorder* user;
+    const char* reply;
+  } steps[] = {
+      {nullptr, nullptr, "a"},
+      {[](pavo_ipc_msg*, void*) -> pavo_ipc_msg* { return nullptr; }, nullptr, "a"},
+      {[](pavo_ipc_msg*, void*) { return make_reply(std::string(16385, 'z')); }, nullptr, "a"},
+      {[](pavo_ipc_msg*, void*) -> pavo_ipc_msg* { throw std::runtime_error("boom"); }, nullptr, "a"},
+      {echo, &a, "echo:1"},
+      {echo, &a, "echo:2"},  // the same registration again
+      {echo, &b, "echo:3"},
+      {nullptr, nullptr, "a"},  // unregistered again
+  };
+  static std::string seen;
+  auto on_reply = [](pavo_ipc_msg* reply, int status) {
+    seen = std::string(reply->data, reply->len) + "/" + std::to_string(status);
+    return 0;
+  };
+  OutputCapture err(2);
+  int i = 0;
+  for (const auto& step : steps) {
+    SCOPED_TRACE(++i);
+    ASSERT_EQ(step.callback ? pavo_ipc_server_register_callback(p.server, step.callback, step.user)
+                            : pavo_ipc_server_unregister_callback(p.server),
+              0);
+    const Result r = request(p.client, std::to_string(i - 4), 41);
+    EXPECT_EQ(r.rc, 0);
+    EXPECT_EQ(r.text, step.reply);
+    EXPECT_EQ(r.len, r.text == "a" ? 41u : 6u) << "a no-reply answer leaves len as the caller set it";
+    seen.clear();
+    std::string text = std::to_string(i - 4);
+    pavo_ipc_msg req = msg_of(text);
+    EXPECT_EQ(pavo_ipc_client_send_sync_with_callback(p.client, &req, on_reply), 0);
+    EXPECT_EQ(seen, r.text == "a" ? "" : r.text + "/0") << "the callback sees real replies only";
+  }
+  EXPECT_EQ(a.seen(), (std::vector<std::string>{"1", "1", "2", "2"}));
+  EXPECT_EQ(b.seen(), (std::vector<std::string>{"3", "3"}));
+  ASSERT_EQ(pavo_ipc_server_register_callback(p.server, echo, nullptr), 0);
+  pavo_ipc_msg req = msg_of("x");
+  EXPECT_EQ(pavo_ipc_client_send_sync_with_callback(p.client, &req, nullptr), 0);
+  auto throws = [](pavo_ipc_msg*, int) -> int { throw std::runtime_error("reply callback"); };
+  EXPECT_EQ(pavo_ipc_client_send_sync_with_callback(p.client, &req, throws), -1);
+  EXPECT_EQ(request(p.client, "next").text, "echo:next") << "the handle is free again";
+}
+
+TEST(Exchange, BadArgumentsAreRefusedBeforeAnythingIsSent) {
+  Pair p;
+  Recorder rec;
+  ASSERT_EQ(pavo_ipc_server_register_callback(p.server, record, &rec), 0);
+  std::string big(16385, 'b');
+  pavo_ipc_msg none = msg_of(""), one = msg_of("x"), too_big = msg_of(big), reply{0, kUntouched};
+  pavo_ipc_client* one_way = nullptr;
+  ASSERT_EQ(pavo_ipc_client_create(p.key(), 1, 0, kN, &one_way), 0);
+  const int codes[] = {
+      pavo_ipc_client_send(p.client, &none),
+      pavo_ipc_client_send(nullptr, &one),
+      pavo_ipc_client_send(p.client, nullptr),
+      pavo_ipc_client_send(p.client, &too_big),
+      pavo_ipc_client_send_sync_with_params(p.client, &none, &reply),
+      pavo_ipc_client_send_sync_with_params(p.client, &one, nullptr),
+      pavo_ipc_client_send_sync_with_params(one_way, &one, &reply),  // client without sync
+      pavo_ipc_client_send_sync_with_params(p.client, &too_big, &reply),
+      pavo_ipc_client_send_sync_with_callback(nullptr, &one, nullptr),
+      pavo_ipc_client_send_sync_with_callback(p.client, &none, nullptr),
+      pavo_ipc_client_create(p.key(), 1, 1, kN, nullptr),
+      pavo_ipc_client_destroy(nullptr),
+      pavo_ipc_server_create(p.key(), 1, 1, kN, nullptr),
+      pavo_ipc_server_destroy(nullptr),
+      pavo_ipc_server_register_callback(nullptr, echo, nullptr),
+      pavo_ipc_server_unregister_callback(nullptr),
+  };
+  EXPECT_EQ(std::vector<int>(std::begin(codes), std::end(codes)),
+            (std::vector<int>{-3, -3, -3, -1, -3, -3, -3, -1, -3, -3, -3, -3, -3, -3, -3, -3}));
+  EXPECT_EQ(reply.data, kUntouched) << "a request that was never sent leaves the reply alone";
+  pavo_ipc_client_destroy(one_way);
+  std::this_thread::sleep_for(50ms);
+  EXPECT_TRUE(rec.seen().empty()) << "nothing refused may reach the server";
+}
+
+// A client may come before its server and outlive it: its queues are opened
+// at the first send that finds them, and opened anew after they were removed.
+TEST(Lifecycle, ClientBeforeAndAfterItsServer) {
+  ScopedQueues queues(unique_key());
+  pavo_ipc_client* client = nullptr;
+  ASSERT_EQ(pavo_ipc_client_create(queues.key(), 1, 1, kN, &client), 0);
+  pavo_ipc_msg early = msg_of("early");
+  EXPECT_EQ(pavo_ipc_client_send(client, &early), -3);
+  EXPECT_EQ(request(client, "early").text, "<-3 untouched>");
+
+  OutputCapture err(2);
+  Recorder rec;
+  for (int round = 0; round < 2; ++round) {
+    pavo_ipc_server* server = nullptr;
+    ASSERT_EQ(pavo_ipc_server_create(queues.key(), 1, 1, kN, &server), 0);
+    ASSERT_EQ(pavo_ipc_server_register_callback(server, echo, &rec), 0);
+    EXPECT_EQ(pavo_ipc_client_send(client, &early), 0);
+    EXPECT_EQ(request(client, "early").text, "echo:early");
+    pavo_ipc_server_destroy(server);
+    pavo::test::remove_queue(queues.key());
+    pavo::test::remove_queue(queues.key() + 1);
+    EXPECT_EQ(request(client, "gone").text, "<-1 untouched>") << "the request reached a removed queue";
+    EXPECT_EQ(pavo_ipc_client_send(client, &early), -3) << "no queue to reopen";
+  }
+  EXPECT_EQ(rec.seen(), std::vector<std::string>(4, "early"));
+  pavo_ipc_client_destroy(client);
+}
+
+// The thread ends after delivering a one-way message that starts with "exit",
+// or at a stop frame (kind 0) without text; a stop frame with text and a
+// request to a server without sync are ignored. The callback sees no more
+// than the bytes that arrived, whatever total_len claims. Destroying a server
+// whose thread ended returns at once and sends no stop frame.
+TEST(Lifecycle, ExitMessageOrEmptyStopFrameEndsTheThread) {
+  for (const bool by_exit : {true, false}) {
+    SCOPED_TRACE(by_exit ? "exit" : "stop");
+    Pair p(0);
+    Recorder rec;
+    ASSERT_EQ(pavo_ipc_server_register_callback(p.server, record, &rec), 0);
+    put_frame(p.key(), 0, "x", 1);
+    put_frame(p.key(), 2, "request", 7);
+    put_frame(p.key(), 1, "alive", 9999);
+    put_frame(p.key(), by_exit ? 1 : 0, by_exit ? "exit now" : "", by_exit ? 8 : 0);
+    put_frame(p.key(), 1, "after", 5);
+    ASSERT_TRUE(wait_until([&] { return pavo::test::queued_messages(p.key()) <= 1; }));
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(rec.seen(), (by_exit ? std::vector<std::string>{"alive", "exit now"}
+                                   : std::vector<std::string>{"alive"}));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(pavo_ipc_server_destroy(p.server), 0);
+    p.server = nullptr;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
+    EXPECT_EQ(pavo::test::queued_messages(p.key()), 1) << "only \"after\", no stop frame";
+  }
+}
+
+// Server and client in two real processes, as in the field. The child only
+// sends and receives: with no reply time-out it starts no thread, which
+// neither ThreadSanitizer nor qemu-user allow after a multi-threaded fork.
+TEST(TwoProcesses, RequestsOfEverySizeCrossAndComeBack) {
+  Pair p;
+  ASSERT_EQ(pavo_ipc_server_register_callback(p.server, echo, nullptr), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    alarm(30);
+    pavo::test::ReplyTimeoutOverride no_limit(0ms);
+    int failed = 0;
+    for (size_t len : {1, 1025, 1026, 9000, 16379}) {
+      std::string text(len, '\0');
+      for (size_t i = 0; i < len; ++i) text[i] = static_cast<char>('a' + i % 26);
+      const Result r = request(p.client, text);
+      failed = failed * 2 + (r.rc != 0 || r.len != len + 5 || r.text != "echo:" + text);
+    }
+    _exit(failed);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
 }
 
 // One request in flight per handle: every caller gets its own reply.
 TEST(Concurrency, ManyCallersOnOneHandleEachGetTheirOwnReply) {
   Pair p;
   ASSERT_EQ(pavo_ipc_server_register_callback(p.server, echo, nullptr), 0);
-  constexpr int kThreads = 6, kEach = 40;
   std::atomic<int> wrong{0};
   std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
+  for (int t = 0; t < 6; ++t) {
     threads.emplace_back([&, t] {
-      for (int i = 0; i < kEach; ++i) {
+      for (int i = 0; i < 40; ++i) {
         const std::string text = std::to_string(t) + "/" + std::to_string(i) + std::string(t * 700, '-');
-        auto r = p.request(text);
+        const Result r = request(p.client, text);
         if (r.rc != 0 || r.text != "echo:" + text) ++wrong;
       }
     });
@@ -329,8 +348,7 @@ TEST(Concurrency, ManyCallersOnOneHandleEachGetTheirOwnReply) {
 // after the thread has ended (ASan would see a use after free otherwise).
 TEST(Destroy, StuckCallbackIsCancelledAndWaitedFor) {
   Pair p(0);
-  static std::atomic<bool> entered;
-  entered = false;
+  static std::atomic<bool> entered{false};
   auto stuck = [](pavo_ipc_msg*, void*) -> pavo_ipc_msg* {
     entered = true;
     for (;;) std::this_thread::sleep_for(10ms);  // a cancellation point
@@ -348,43 +366,67 @@ TEST(Destroy, StuckCallbackIsCancelledAndWaitedFor) {
 }
 
 TEST(Destroy, RemovedQueueEndsTheThreadWithoutSpinning) {
-  Pair p(1);
-  pavo::test::OutputCapture err(2);
+  Pair p;
+  OutputCapture err(2);
   pavo::test::remove_queue(p.key());
   std::this_thread::sleep_for(200ms);
-  const std::string printed = err.text();
-  EXPECT_NE(printed.find("was removed"), std::string::npos) << printed;
-  EXPECT_LT(printed.size(), 400u) << "the failure is reported once, not in a loop";
+  EXPECT_NE(err.text().find("was removed"), std::string::npos);
+  EXPECT_LT(err.text().size(), 400u) << "the failure is reported once, not in a loop";
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(pavo_ipc_server_destroy(p.server), 0);
   p.server = nullptr;
   EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
 }
 
-TEST(Destroy, ClientRecoversWhenTheServerRecreatesItsQueues) {
-  ScopedQueues queues(unique_key());
-  pavo_ipc_server* server = nullptr;
-  pavo_ipc_client* client = nullptr;
-  ASSERT_EQ(pavo_ipc_server_create(queues.key(), 1, 1, kN, &server), 0);
-  ASSERT_EQ(pavo_ipc_server_register_callback(server, echo, nullptr), 0);
-  ASSERT_EQ(pavo_ipc_client_create(queues.key(), 1, 1, kN, &client), 0);
-  pavo_ipc_msg m = msg_of("one");
-  pavo_ipc_msg reply{0, nullptr};
-  ASSERT_EQ(pavo_ipc_client_send_sync_with_params(client, &m, &reply), 0);
-  std::free(reply.data);
+// A peer that never answers costs one time-out per request, with the reply
+// data nulled; so it does in a forked child, which starts its own deadline
+// watchdog.
+TEST(ReplyTimeout, SilentPeerCostsOneTimeOutEach) {
+  pavo::test::ReplyTimeoutOverride short_wait(300ms);
+  Pair p(0, 1);
+  Recorder rec;
+  ASSERT_EQ(pavo_ipc_server_register_callback(p.server, echo, &rec), 0);
+  OutputCapture err(2);
+  for (int i = 0; i < 2; ++i) {
+    const Result r = request(p.client, "hello?");
+    EXPECT_EQ(r.text, "<-1 null>");
+    EXPECT_GE(r.took, 290ms);
+    EXPECT_LT(r.took, 2s);
+  }
+  EXPECT_NE(err.text().find("no reply on queue key"), std::string::npos);
+  EXPECT_TRUE(rec.seen().empty());
+#if !defined(__SANITIZE_THREAD__)  // TSan does not support threads in the child of a threaded fork,
+  if (pavo::test::under_emulator()) return;  // nor does qemu-user
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    alarm(10);
+    _exit(request(p.client, "child").rc == -1 ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+#endif
+}
 
-  pavo::test::OutputCapture err(2);
-  pavo_ipc_server_destroy(server);
-  pavo::test::remove_queue(queues.key());
-  pavo::test::remove_queue(queues.key() + 1);
-  EXPECT_EQ(pavo_ipc_client_send_sync_with_params(client, &m, &reply), -1) << "the queue is gone";
-  ASSERT_EQ(pavo_ipc_server_create(queues.key(), 1, 1, kN, &server), 0);
-  ASSERT_EQ(pavo_ipc_server_register_callback(server, echo, nullptr), 0);
-  ASSERT_EQ(pavo_ipc_client_send_sync_with_params(client, &m, &reply), 0) << "reopened at the next send";
-  EXPECT_STREQ(reply.data, "echo:one");
-  std::free(reply.data);
-  pavo_ipc_server_destroy(server);
-  pavo_ipc_client_destroy(client);
+// A reply that comes after the time-out, or a deadline frame that lost the
+// race against the real reply, is never taken for a later request's reply.
+TEST(ReplyTimeout, LateRepliesAreNeverTakenForTheNextOne) {
+  pavo::test::ReplyTimeoutOverride short_wait(300ms);
+  Pair p;
+  ASSERT_EQ(pavo_ipc_server_register_callback(p.server, echo, nullptr), 0);
+  OutputCapture err(2);
+  EXPECT_EQ(request(p.client, "slow 500").text, "<-1 null>");
+  std::this_thread::sleep_for(400ms);  // the late reply is in the queue now
+  EXPECT_EQ(request(p.client, "second").text, "echo:second");
+  for (int i = 0; i < 6; ++i) {
+    // Replies from just before to just after the deadline: either outcome of
+    // the race is fine, but what follows must be right.
+    request(p.client, "slow " + std::to_string(285 + 6 * i));
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(request(p.client, "quick " + std::to_string(i)).text, "echo:quick " + std::to_string(i));
+  }
+  EXPECT_EQ(pavo::test::queued_messages(p.key() + 1), 0);
 }
 
 }  // namespace
