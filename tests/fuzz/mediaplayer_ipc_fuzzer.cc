@@ -55,37 +55,28 @@ int g_user_data;
 void receive(pavo_ipc_msg* (*callback)(pavo_ipc_msg*, void*), std::string& text) {
   pavo_ipc_msg message{static_cast<uint32_t>(text.size()), text.data()};
   pavo_ipc_msg* reply = callback(&message, nullptr);
-  if (reply != nullptr) {
-    touch(reply->data);
-    std::free(reply->data);
-    delete reply;
-  }
+  if (reply == nullptr) return;
+  touch(reply->data);
+  std::free(reply->data);
+  delete reply;
 }
 
 // Every kind of output, starting from values that no reply gives together.
 struct Outputs {
   int i = -77;
-  unsigned u = 77;
+  unsigned u = 77, signed_u = 78;
   uint64_t u64 = 77;
   double d = -7.5;
   bool b = true;
   std::string s = "untouched";
-  unsigned signed_u = 78;
-  auto tie() const { return std::tie(i, u, u64, d, b, s, signed_u); }
+  auto tie() const { return std::tie(i, u, signed_u, u64, d, b, s); }
 };
 
 void read_reply(const std::string& text) {
   Outputs out;
   Command command("fuzz", 24);
-  command.player(1)
-      .read("index", &out.i)
-      .read("pid", &out.u)
-      .read("contentTime", &out.u64)
-      .read("duration", &out.d)
-      .read("activated", &out.b)
-      .read("encoding", &out.s)
-      .read_signed("num", &out.signed_u);
-  command.read_reply(text.c_str());
+  command.read("index", &out.i).read("pid", &out.u).read_signed("num", &out.signed_u).read("contentTime", &out.u64);
+  command.read("duration", &out.d).read("activated", &out.b).read("encoding", &out.s).read_reply(text.c_str());
   if (!command.replied() && out.tie() != Outputs().tie()) std::abort();  // refused, yet written
 }
 

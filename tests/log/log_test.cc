@@ -65,13 +65,9 @@ std::string printed(const std::function<void()>& call) {
   return out.text();
 }
 
-class LogTest : public ::testing::Test {
- protected:
-  void SetUp() override { clear_modules_list(); }
-};
-
-TEST_F(LogTest, StoredLevelsExactNamesAndByteOrder) {
-  for (auto [stored, effective] : {std::pair{1, 2}, {2, 1}, {7, 1}, {255, 1}, {-1, 1}, {0, 1}}) {
+TEST(LogTest, StoredLevelsExactNamesAndByteOrder) {
+  clear_modules_list();
+  for (auto [stored, effective] : {std::pair{1, 2}, {2, 1}, {255, 1}, {-1, 1}, {0, 1}}) {
     ASSERT_EQ(insert_modules_list("M", stored), 0);
     EXPECT_EQ(pavo_log_getLevel("M"), effective) << "stored " << stored;
   }
@@ -90,7 +86,8 @@ TEST_F(LogTest, StoredLevelsExactNamesAndByteOrder) {
 // Names of more than 32 characters are refused and the rest applied; a full
 // table refuses every nonzero level, even for a module in it, and drops the
 // rest of that request, but still removes.
-TEST_F(LogTest, LimitsOf32CharactersAnd20ModulesWithTheirMessages) {
+TEST(LogTest, LimitsOf32CharactersAnd20ModulesWithTheirMessages) {
+  clear_modules_list();
   const std::string x33(33, 'x'), c32(32, 'c');
   std::string all;  // 20 names of 32 characters: 659 characters listed
   for (char c = 'a'; c < 'a' + PAVO_LOG_MAX_MODULES; ++c) all += (all.empty() ? "" : "|") + std::string(32, c);
@@ -116,7 +113,7 @@ TEST_F(LogTest, LimitsOf32CharactersAnd20ModulesWithTheirMessages) {
 
 // Each call prints its exact line at the effective levels from the first
 // number on (3: never).
-TEST_F(LogTest, EachCallPrintsItsExactLineFromItsEffectiveLevelOn) {
+TEST(LogTest, EachCallPrintsItsExactLineFromItsEffectiveLevelOn) {
   // Filtered calls decide before they touch anything but the module name:
   // these pointers fault if read at all.
   const char* const bad = reinterpret_cast<const char*>(uintptr_t{8});
@@ -142,7 +139,6 @@ TEST_F(LogTest, EachCallPrintsItsExactLineFromItsEffectiveLevelOn) {
       {2, print(PAVO_LOG_TYPE_STRING, "f.cc", "F", nullptr, nullptr), V + "(null):(null)" + E},
       {3, print(PAVO_LOG_TYPE_MAX, "f.cc", "F", "n", "v"), ""},
       {3, print(-1, "f.cc", "F", "n", "v"), ""},
-      {3, print(INT32_MIN, "f.cc", "F", "n", "v"), ""},
       {1, print(PAVO_LOG_TYPE_MAX + 1, "f.cc", "F", "n", "v"), "log type set err, out of max enum value\n"},
       {2, [] { pavo_log("PAC_PLUGIN", "x/f.cc", "F", 7, "value %d\n", 5); },
        "<H> File:f.cc Function: F(), line: 7, value 5\n"},  // no colour

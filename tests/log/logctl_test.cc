@@ -5,9 +5,10 @@
 
 #include <atomic>
 #include <cstdio>
-#include <regex>
+#include <algorithm>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -38,8 +39,12 @@ std::string logctl(const std::vector<std::string>& args, std::string* raw = null
   for (size_t n; pipe != nullptr && (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
   const int status = pipe != nullptr ? pclose(pipe) : -1;
   if (raw != nullptr) *raw = output;
-  return std::to_string(status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1) + " " +
-         std::regex_replace(output, std::regex("port [0-9]+"), "port P");
+  for (size_t at = 0; (at = output.find("port ", at)) != std::string::npos;) {
+    at += 5;
+    const size_t digits = std::min(output.find_first_not_of("0123456789", at), output.size()) - at;
+    if (digits > 0) output.replace(at, digits, "P");
+  }
+  return std::to_string(status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1) + " " + output;
 }
 
 bool listener_started = false;
@@ -83,22 +88,19 @@ TEST(LogctlTest, CommandLineBusyPortAndNoListener) {
 TEST(LogctlTest, ChangesAListenersModulesAndConfirmsFromItsList) {
   listener_started = true;
   ASSERT_EQ(pavo_log_initialize(1), 0);
-  const struct {
-    std::vector<std::string> args;
-    std::string output, datagram;  // the control datagram the listener last applied
-    int level;                     // of PAC_PLUGIN afterwards
-  } steps[] = {
-      {{"on", "PAC_PLUGIN"}, "every line of PAC_PLUGIN (modules: PAC_PLUGIN)", control_datagram("PAC_PLUGIN", 1), 2},
+  // Each command's output, and the control datagram the listener last applied
+  // (what the listener makes of a datagram is control_listener_test's).
+  const std::tuple<std::vector<std::string>, std::string, std::string> steps[] = {
+      {{"on", "PAC_PLUGIN"}, "every line of PAC_PLUGIN (modules: PAC_PLUGIN)", control_datagram("PAC_PLUGIN", 1)},
       {{"errors", "PAC_PLUGIN", "OTHER"}, "error lines only of PAC_PLUGIN|OTHER (modules: OTHER|PAC_PLUGIN)",
-       control_datagram("PAC_PLUGIN|OTHER", 2), 1},
-      {{"off", "OTHER"}, "removed OTHER (modules: PAC_PLUGIN)", control_datagram("OTHER", 0), 1},
-      {{"list"}, "PAC_PLUGIN", control_datagram("OTHER", 0), 1},
-      {{"clear"}, "module list cleared", control_datagram(PAVO_LOG_CLEAR_COMMAND, 0), 1},
+       control_datagram("PAC_PLUGIN|OTHER", 2)},
+      {{"off", "OTHER"}, "removed OTHER (modules: PAC_PLUGIN)", control_datagram("OTHER", 0)},
+      {{"list"}, "PAC_PLUGIN", control_datagram("OTHER", 0)},
+      {{"clear"}, "module list cleared", control_datagram(PAVO_LOG_CLEAR_COMMAND, 0)},
   };
-  for (const auto& step : steps) {
-    EXPECT_EQ(logctl(step.args), "0 port P: " + step.output + "\n");
-    EXPECT_EQ(control_record(), step.datagram) << step.args.front();
-    EXPECT_EQ(pavo_log_getLevel("PAC_PLUGIN"), step.level) << step.args.front();
+  for (const auto& [args, output, datagram] : steps) {
+    EXPECT_EQ(logctl(args), "0 port P: " + output + "\n");
+    EXPECT_EQ(control_record(), datagram) << args.front();
   }
 
   std::string full;  // 20 modules: no room for another
@@ -115,9 +117,7 @@ TEST(LogctlTest, ChangesAListenersModulesAndConfirmsFromItsList) {
   std::string raw;
   EXPECT_THAT(logctl({"list"}, &raw), AllOf(StartsWith("0 port P: "), HasSubstr("port P: (none)\n")));
   EXPECT_THAT(raw, HasSubstr("port " + port + ": X\n"));
-  for (const char* command : {"on", "errors", "off"}) {
-    EXPECT_THAT(logctl({"-p", port, command, "A", "B"}), StartsWith("0 port P: ")) << command;
-  }
+  EXPECT_THAT(logctl({"-p", port, "on", "A", "B"}), StartsWith("0 port P: "));
   EXPECT_EQ(logctl({"--port", port, "clear"}), "0 port P: module list cleared\n");
   EXPECT_EQ(control_record(), control_datagram("NEW", 1)) << "this process's listener got none of them";
 }

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -86,22 +85,18 @@ class Events : public pavo::test::ClientTest {
   // events caused (events are handled in arrival order). With `log`, stores
   // what was printed meanwhile.
   Calls deliver(const std::vector<std::string>& texts, std::string* log = nullptr) {
-    std::optional<pavo::test::OutputCapture> out;
-    if (log != nullptr) out.emplace(1);
+    pavo::test::OutputCapture out(1);
     const size_t before = calls().size();
     // The marker goes to the player callback in place (one for all players).
     PavoMediaPlayerCallback current = __atomic_load_n(&g_mediaplayer_cb, __ATOMIC_ACQUIRE);
     Pavo_MediaPlayer_IPC_RegisterCallback(999, current != nullptr ? current : player_cb, nullptr);
-    for (const auto& t : texts) EXPECT_TRUE(service_.send_event_text(t)) << t;
+    for (const auto& t : texts) service_.send_event_text(t);
     service_.send_event_text(R"({"event_type":0,"player_id":999,"event":42})");
-    EXPECT_TRUE(wait_until([&] {
-      auto c = calls();
-      return c.size() > before && c.back() == "player 42 0 0 0 0.000000";
-    }));
-    const Calls c = calls();
+    const bool marked = wait_until([&] { return calls().size() > before && calls().back() == "player 42 0 0 0 0.000000"; });
     Pavo_MediaPlayer_IPC_UnregisterCallback(999);
-    if (log != nullptr) *log = out->text();
-    return Calls(c.begin() + static_cast<long>(before), c.end() - 1);
+    if (log != nullptr) *log = out.text();
+    const Calls c = calls();
+    return marked ? Calls(c.begin() + static_cast<long>(before), c.end() - 1) : Calls{"(no marker)"};
   }
   int a_ = 0, b_ = 0;  // user data
 };
@@ -113,14 +108,12 @@ TEST_F(Events, EachFamilyReachesItsCallbackAndHostileTextsAreDropped) {
   ASSERT_EQ(Pavo_DrmAgent_RegisterCallback(reinterpret_cast<void*>(0x10), drm_cb, &b_), 0);
   const std::string a = ptr(&a_), b = ptr(&b_), x(40, 'x');
   struct Case {
-    std::string event;
-    std::string call;  // empty: no call
-    bool error;        // an error record of the event callback
+    std::string event, call;  // call: empty for none
+    bool error;               // an error record of the event callback
   };
   std::vector<Case> cases = {
-      {R"({"event_type":0,"event":1,"sub_event":0,"player_id":3,"data1":5,"data2":0})", "player 1 0 " + a + " 5 0.000000", false},
+      {R"({"event_type":0,"event":1,"sub_event":3,"player_id":3,"data1":-7})", "player 1 3 " + a + " -7 0.000000", false},
       {R"({"event_type":0,"event":7,"player_id":4,"data2":12.5})", "player 7 0 " + b + " 0 12.500000", false},
-      {R"({"event_type":0,"event":0,"sub_event":3,"player_id":3,"data1":-7})", "player 0 3 " + a + " -7 0.000000", false},
       {R"({"event_type":0,"event":12,"player_id":5})", "", true},  // no entry: the event is lost
       {R"({"event_type":0,"event":13,"player_id":3})", "", true},  // the callback throws
       {R"({"event_type":0,"event":14,"player_id":3})", "", true},  // ... no std::exception
@@ -141,8 +134,7 @@ TEST_F(Events, EachFamilyReachesItsCallbackAndHostileTextsAreDropped) {
       {R"({"event_type":3,"event":5,"context":"0x1"})", "", true},  // not a DRM event
   };
   for (const std::string& hostile : std::initializer_list<std::string>{
-           "not json", "[1,2,3]", "42", "null", "", std::string(3000, '['), std::string(16384, '{'),
-           R"({"event_type":0,"player_id":"3","event":1})", R"({"event_type":0,"player_id":4294967296,"event":1})",
+           "not json", "[1,2,3]", "", std::string(3000, '['), R"({"event_type":0,"player_id":4294967296,"event":1})",
            R"({"event_type":0,"player_id":3,"event":1,"data1":2147483648})",
            R"({"event_type":0,"player_id":3,"event":1,"data2":"fast"})", R"({"event_type":[0],"player_id":3})",
            R"({"event_type":1,"event":2,"bTimelineOptionsChange":true,"unitsPerTick":4294967296})",
@@ -191,9 +183,8 @@ TEST_F(Events, ServiceRequestsAreAnswered) {
     EXPECT_EQ(answer->kind, reply.empty() ? 4 : 3) << request;
     EXPECT_EQ(answer->text, reply.empty() ? "a" : json(reply).toStyledString()) << request;
   }
-  const auto platform = pavo::standin::hbbtv_calls();
-  ASSERT_EQ(platform.size(), 1u);
-  EXPECT_EQ(platform[0].value, 1);
+  const auto platform = pavo::standin::hbbtv_calls();  // one switch, to the source asked for
+  EXPECT_EQ(platform.size() == 1 ? platform[0].value : -1, 1) << platform.size() << " switches";
   pavo::standin::hbbtv_reset();
 }
 
@@ -235,18 +226,13 @@ TEST_F(Events, UnregisteringWaitsForTheRunningCallbackButNotOnItsOwnThread) {
 }
 
 TEST_F(Events, ConcurrentCommandsEachGetTheirOwnReplyWhileEventsArrive) {
-  service_.script(10, [](const Json::Value& request) {
-    Json::Value reply;
-    reply["ret"] = 0;
-    reply["current_time"] = request["player_id"].asDouble() * 1.5;
-    return Answer::json(reply);
+  service_.script(10, [](const Json::Value& request) {  // the time tells the player
+    return Answer::json(json(R"({"ret":0,"current_time":)" + std::to_string(request["player_id"].asUInt() * 1.5) + "}"));
   });
   Pavo_MediaPlayer_IPC_RegisterCallback(3, player_cb, &a_);
   constexpr size_t kEvents = 300;
   std::thread events([&] {
-    for (size_t n = 0; n < kEvents; ++n) {
-      service_.send_event_text(R"({"event_type":0,"player_id":3,"event":6,"data1":1000})");
-    }
+    for (size_t n = 0; n < kEvents; ++n) service_.send_event_text(R"({"event_type":0,"player_id":3,"event":6})");
   });
   std::vector<std::thread> callers;
   std::atomic<int> wrong{0};

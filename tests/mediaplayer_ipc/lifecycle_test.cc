@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <fstream>
+#include <memory>
 #include <string>
 
 #include "client_fixture.h"
@@ -33,9 +34,7 @@ TEST_F(Lifecycle, InitializeTwiceOpensOnceAndFinalizeClosesEverything) {
 
   Pavo_MediaPlayer_IPC_RegisterCallback(1, player_cb, nullptr);
   Pavo_MediaPlayer_IPC_RegisterCallback(2, player_cb, nullptr);
-  EXPECT_EQ(Pavo_MediaPlayer_IPC_Finalize(), 0);
-  EXPECT_EQ(request_handle(), nullptr);
-  EXPECT_EQ(notice_handle(), nullptr);
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_Finalize(), 0);  // (the commands then give -3: commands_test)
   EXPECT_EQ(pavo::mediaplayer::player_count(), 0u);
   EXPECT_EQ(__atomic_load_n(&g_mediaplayer_cb, __ATOMIC_ACQUIRE), player_cb) << "the slot is kept";
   EXPECT_FALSE(service_.send_service_request(R"({"event_type":7})", std::chrono::milliseconds(200)))
@@ -66,47 +65,33 @@ TEST_F(Lifecycle, FinalizeWaitsForACommandThatACallbackHasInFlight) {
   EXPECT_EQ(g_time.load(), 2.5);
 }
 
-// Allows `more` queues beyond those of this IPC namespace for its lifetime.
-class QueueLimit {
- public:
-  explicit QueueLimit(int more) {
-    std::ifstream limit(kPath), list("/proc/sysvipc/msg");
-    int existing = -1;  // the list has a header line
-    for (std::string line; std::getline(list, line);) ++existing;
-    ok_ = static_cast<bool>(limit >> saved_) && set(existing + more);
-  }
-  ~QueueLimit() {
-    if (ok_) set(saved_);
-  }
-  bool ok() const { return ok_; }
+constexpr char kQueueLimit[] = "/proc/sys/kernel/msgmni";
 
- private:
-  static constexpr const char* kPath = "/proc/sys/kernel/msgmni";
-  static bool set(int limit) { return static_cast<bool>(std::ofstream(kPath) << limit << std::flush); }
-  int saved_ = 0;
-  bool ok_ = false;
-};
+// Sets the queue limit of this IPC namespace to the queues in it plus `more`.
+bool allow_queues(int more) {
+  std::ifstream list("/proc/sysvipc/msg");
+  int existing = -1;  // the list has a header line
+  for (std::string line; std::getline(list, line);) ++existing;
+  return static_cast<bool>(std::ofstream(kQueueLimit) << existing + more << std::flush);
+}
 
 TEST_F(Lifecycle, AFailedInitializeKeepsTheRequestEndpointsAndIsCompletedLater) {
   ASSERT_EQ(Pavo_MediaPlayer_IPC_Finalize(), 0);
   // The library's server queues outlive Finalize; the limits below count queues made afresh.
   for (key_t key : {0x95000070, 0x95000090, 0x95000091}) pavo::test::remove_queue(key);
-  {
-    QueueLimit none(0);
-    if (!none.ok()) GTEST_SKIP() << "the queue limit of this namespace cannot be changed";
-    EXPECT_EQ(Pavo_MediaPlayer_IPC_Initialize(1), -1);
-    EXPECT_EQ(request_handle(), nullptr);
-    EXPECT_EQ(Pavo_MediaPlayer_IPC_Play(1), -3);
-  }
-  {
-    QueueLimit two(2);  // the request server's pair, not the event queue
-    ASSERT_TRUE(two.ok());
-    EXPECT_EQ(Pavo_MediaPlayer_IPC_Initialize(1), -1);
-    EXPECT_EQ(Pavo_MediaPlayer_IPC_Play(1), 0) << "request client and server stay open";
-    EXPECT_TRUE(service_.send_service_request(R"({"event_type":7})").has_value());
-    EXPECT_EQ(notice_handle(), nullptr);
-    EXPECT_EQ(Pavo_MediaPlayer_IPC_PlatformSubtitleEnable(true), -3);
-  }
+  int saved = 0;
+  if (!(std::ifstream(kQueueLimit) >> saved) || !allow_queues(0)) GTEST_SKIP() << "the queue limit cannot be changed";
+  std::shared_ptr<void> restore(nullptr, [saved](void*) { std::ofstream(kQueueLimit) << saved; });
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_Initialize(1), -1);
+  EXPECT_EQ(request_handle(), nullptr);
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_Play(1), -3);
+  ASSERT_TRUE(allow_queues(2));  // the request server's pair, not the event queue
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_Initialize(1), -1);
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_Play(1), 0) << "request client and server stay open";
+  EXPECT_TRUE(service_.send_service_request(R"({"event_type":7})").has_value());
+  EXPECT_EQ(notice_handle(), nullptr);
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_PlatformSubtitleEnable(true), -3);
+  restore.reset();  // the limit as it was
   pavo_ipc_client* const kept = request_handle();
   ASSERT_EQ(Pavo_MediaPlayer_IPC_Initialize(1), 0);
   EXPECT_EQ(request_handle(), kept);
