@@ -15,10 +15,10 @@
 namespace pavo::e2e {
 
 std::vector<std::string> service_command() {
-  // PAVO_MEDIA_SERVICE_COMMAND: a ';'-separated list set by the build.
+  // PAVO_MEDIA_SERVICE_COMMAND: a '|'-separated list of words set by the build.
   std::vector<std::string> words;
   std::stringstream list(PAVO_MEDIA_SERVICE_COMMAND);
-  for (std::string word; std::getline(list, word, ';');) {
+  for (std::string word; std::getline(list, word, '|');) {
     if (!word.empty()) words.push_back(word);
   }
   return words;
