@@ -66,9 +66,9 @@ bool check_component_choice(const Step& step, std::string& error) {
 
 bool check_drm(const Step& step, std::string& error) {
   const std::string& what = step.args[0];
-  if (what == "query" && step.args.size() == 2) return true;
+  if (what == "query" && step.args.size() <= 3) return true;
   if (what == "message" && step.args.size() >= 4) return true;
-  error = "use 'drm query SYSTEM' or 'drm message SYSTEM TYPE TEXT...'";
+  error = "use 'drm query SYSTEM [PRIVATE_DATA]' or 'drm message SYSTEM TYPE TEXT...'";
   return false;
 }
 
@@ -113,7 +113,8 @@ const std::vector<VerbSpec>& verb_table() {
       {"unselect", 2, 2, "unselect TYPE LANG|#N         unselect it"},
       {"subtitles", 1, 1, "subtitles on|off              platform subtitle notice, then the player's subtitles"},
       {"drm", 2, kAnyCount,
-       "drm query SYSTEM              DRM agent: the DRM system's status and canPlayContent\n"
+       "drm query SYSTEM [DATA]       DRM agent: the DRM system's status; with DATA (the\n"
+       "                              content's DRM private data) also canPlayContent\n"
        "drm message SYSTEM TYPE TEXT  DRM agent: send a message, wait for its result event"},
       {"expect-error", 1, 2,
        "expect-error CODE [T]         wait for the error state, then check the object's error\n"

@@ -92,6 +92,17 @@ void on_avctrl_event(PavoAVCtrlEvent event, const PavoAVCtrlEventInfo* info, con
   book.add(std::move(seen), printed);
 }
 
+// DRMSystemStatus values of the OIPF DRM agent API.
+const char* drm_status_name(int status) {
+  switch (status) {
+    case 0: return "ready";
+    case 1: return "unknown";
+    case 2: return "initialising";
+    case 3: return "error";
+    default: return "?";
+  }
+}
+
 const char* or_empty(const char* text) { return text != nullptr ? text : ""; }
 
 // The DRM agent's callback.
@@ -491,15 +502,21 @@ bool Session::drm(const Step& step, std::string& why) {
   const std::string& system = step.args[1];
   if (step.args[0] == "query") {
     int status = -1;
-    bool playable = false;
     if (!called("Pavo_DrmAgent_DRMSystemStatus",
-                Pavo_DrmAgent_DRMSystemStatus(drm_agent_, system.c_str(), &status), why) ||
-        !called("Pavo_DrmAgent_canPlayContent",
-                Pavo_DrmAgent_canPlayContent(drm_agent_, "", system.c_str(), &playable), why)) {
+                Pavo_DrmAgent_DRMSystemStatus(drm_agent_, system.c_str(), &status), why)) {
       return false;
     }
-    timeline_.line("info", format("DRM system \"%s\": status %d, canPlayContent %s", system.c_str(), status,
-                                  playable ? "yes" : "no"));
+    std::string text = format("DRM system \"%s\": status %d (%s)", system.c_str(), status, drm_status_name(status));
+    if (step.args.size() > 2) {
+      bool playable = false;
+      const std::string& data = step.args[2];
+      if (!called("Pavo_DrmAgent_canPlayContent",
+                  Pavo_DrmAgent_canPlayContent(drm_agent_, data.c_str(), system.c_str(), &playable), why)) {
+        return false;
+      }
+      text += format(", canPlayContent(\"%s\") %s", data.c_str(), playable ? "yes" : "no");
+    }
+    timeline_.line("info", text);
     return true;
   }
   // drm message SYSTEM TYPE TEXT...: the result comes as an event, possibly
@@ -561,7 +578,7 @@ bool Session::info(const Step&, std::string&) {
   Pavo_AVCtrl_GetError(handle_, &error);
   timeline_.line("info", format("state %s, speed %g, position %s, duration %s, error %s", state_name(state), speed,
                                 clock_text(position).c_str(),
-                                has_duration == 0 ? clock_text(duration).c_str() : "unknown",
+                                has_duration != 0 ? "unknown" : duration > 0 ? clock_text(duration).c_str() : "live",
                                 error_code_name(error)));
   return true;
 }
