@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -29,8 +30,10 @@ struct Ran {
 // Starts `args` (under the cross build's emulator, if any) with standard
 // output and error on a pipe; returns its pid and the pipe's read end.
 pid_t spawn(std::vector<std::string> args, int* out) {
-  const std::string emulator = PAVO_TEST_EMULATOR;
-  if (!emulator.empty()) args.insert(args.begin(), emulator);
+  std::istringstream emulator(PAVO_TEST_EMULATOR);
+  std::vector<std::string> words;
+  for (std::string word; emulator >> word;) words.push_back(word);
+  args.insert(args.begin(), words.begin(), words.end());
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return -1;
   const pid_t pid = fork();
@@ -159,6 +162,7 @@ wait-event speed
 expect-speed 2
 seek 30000
 wait-event position
+wait-state playing
 pause
 wait-state paused
 play

@@ -85,9 +85,9 @@ void on_avctrl_event(PavoAVCtrlEvent event, const PavoAVCtrlEventInfo* info, con
       printed = "media error";
       break;
     default:
-      printed = format("unknown event %d (value %d)", static_cast<int>(event), info->value.intValue);
-      seen.kind = EventKind::kMediaError;
-      break;
+      // Not one of the interface's events: shown, not waited for.
+      book.note(format("unknown event %d (value %d)", static_cast<int>(event), info->value.intValue));
+      return;
   }
   book.add(std::move(seen), printed);
 }
@@ -129,9 +129,8 @@ void on_drm_event(PavoDrmEvent event, const PavoDrmEventInfo* info, const void* 
       printed = format("DRM system status change: \"%s\"", or_empty(info->statusChange.sysId));
       break;
     default:
-      seen.kind = EventKind::kDrmOther;
-      printed = format("unknown DRM event %d", static_cast<int>(event));
-      break;
+      book.note(format("unknown DRM event %d", static_cast<int>(event)));
+      return;
   }
   book.add(std::move(seen), printed);
 }
@@ -159,6 +158,8 @@ void EventBook::add(Observed event, const std::string& printed) {
     // goes on.
   }
 }
+
+void EventBook::note(const std::string& printed) { timeline_.line("event", printed); }
 
 std::size_t EventBook::mark() const {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -533,7 +534,8 @@ bool Session::drm(const Step& step, std::string& why) {
   }
   const std::string msg_id(id);
   timeline_.line("info", format("DRM message sent, id \"%s\"", msg_id.c_str()));
-  const bool answered = book_.wait(deadline_of(step, kAnyCount), [&](const std::vector<Observed>& events, int) {
+  const Deadline deadline = std::chrono::steady_clock::now() + settings_.default_timeout;
+  const bool answered = book_.wait(deadline, [&](const std::vector<Observed>& events, int) {
     for (std::size_t i = from; i < events.size(); ++i) {
       if (events[i].kind == EventKind::kDrmResult && (msg_id.empty() || events[i].text == msg_id)) return true;
     }

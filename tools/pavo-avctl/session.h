@@ -53,6 +53,8 @@ class EventBook {
 
   // Records and prints one event (called by the callbacks).
   void add(Observed event, const std::string& printed);
+  // Prints an event that is not recorded (one the interface does not name).
+  void note(const std::string& printed);
 
   // The number of events so far: the mark from which wait_for looks.
   std::size_t mark() const;
