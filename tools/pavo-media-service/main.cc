@@ -1,0 +1,84 @@
+// pavo-media-service: the media-player service process, for development and
+// tests. See options.cc for the command line and catalogue.cc for the media.
+#include <signal.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <new>
+#include <string>
+
+#include "pavo-media-service/console.h"
+#include "pavo-media-service/endpoints.h"
+#include "pavo-media-service/options.h"
+#include "pavo-media-service/service.h"
+
+namespace {
+
+using pavo::service::Service;
+
+pavo_ipc_msg* on_request(pavo_ipc_msg* message, void* user) {
+  auto* service = static_cast<Service*>(user);
+  const std::string reply = message == nullptr ? service->handle_request(nullptr, 0)
+                                               : service->handle_request(message->data, message->len);
+  // Record with new and text with malloc, as the transport releases them.
+  char* text = static_cast<char*>(std::malloc(reply.size() + 1));
+  if (text == nullptr) return nullptr;
+  reply.copy(text, reply.size());
+  text[reply.size()] = '\0';
+  return new (std::nothrow) pavo_ipc_msg{static_cast<uint32_t>(reply.size()), text};
+}
+
+pavo_ipc_msg* on_notice(pavo_ipc_msg* message, void* user) {
+  auto* service = static_cast<Service*>(user);
+  if (message == nullptr) {
+    service->handle_notice(nullptr, 0);
+  } else {
+    service->handle_notice(message->data, message->len);
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  pavo::service::Options options;
+  std::string error;
+  if (!pavo::service::parse_options(argc, argv, &options, &error)) {
+    std::fprintf(stderr, "pavo-media-service: %s\n%s", error.c_str(), pavo::service::usage());
+    return 2;
+  }
+  if (options.help) {
+    std::fputs(pavo::service::usage(), stdout);
+    return 0;
+  }
+  pavo::service::set_verbose(options.verbose);
+
+  // Every thread inherits the blocked stop signals; main waits for them.
+  sigset_t stop_signals;
+  sigemptyset(&stop_signals);
+  sigaddset(&stop_signals, SIGINT);
+  sigaddset(&stop_signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+
+  pavo::service::Endpoints endpoints;
+  if (!endpoints.open(&error)) {
+    pavo::service::complain("%s", error.c_str());
+    return 1;
+  }
+  Service service(options.time_scale, &endpoints);
+  service.start();
+  if (!endpoints.serve(on_request, on_notice, &service)) {
+    pavo::service::complain("cannot serve its queues");
+    return 1;
+  }
+  pavo::service::say("pavo-media-service: ready");
+
+  int signal_number = 0;
+  while (sigwait(&stop_signals, &signal_number) != 0) {
+  }
+  endpoints.close();  // no request or notice runs after this
+  service.stop();
+  pavo::service::say("pavo-media-service: stopped");
+  return 0;
+}

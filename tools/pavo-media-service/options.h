@@ -1,0 +1,24 @@
+// Command line of pavo-media-service.
+#ifndef PAVO_MEDIA_SERVICE_OPTIONS_H
+#define PAVO_MEDIA_SERVICE_OPTIONS_H
+
+#include <string>
+
+namespace pavo::service {
+
+struct Options {
+  double time_scale = 1.0;  // > 0
+  bool verbose = false;
+  bool help = false;
+};
+
+// The usage text printed by --help.
+const char* usage();
+
+// Reads argv[1..argc-1]. Returns true with *options filled; false with
+// *error set for an unknown option or a bad value.
+bool parse_options(int argc, char** argv, Options* options, std::string* error);
+
+}  // namespace pavo::service
+
+#endif  // PAVO_MEDIA_SERVICE_OPTIONS_H

@@ -1,0 +1,58 @@
+// The media-player service: answers the requests that arrive on the request
+// server, reads the notices, and runs the clock that moves the players on
+// (load phases, seeks, end of stream), sending every event in the order it
+// happened.
+//
+// Threads: the request server's and the notice server's receive threads call
+// in; one clock thread of its own. One mutex guards all state; events are
+// sent under it so that they leave in order. The service's own request to
+// the library (display source) is made without it.
+#ifndef PAVO_MEDIA_SERVICE_SERVICE_H
+#define PAVO_MEDIA_SERVICE_SERVICE_H
+
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "pavo-media-service/dispatch.h"
+#include "pavo-media-service/endpoints.h"
+
+namespace pavo::service {
+
+class Service {
+ public:
+  // REQUIRES: time_scale > 0; `endpoints` open and outliving the service.
+  Service(double time_scale, Endpoints* endpoints);
+  ~Service() { stop(); }
+  Service(const Service&) = delete;
+  Service& operator=(const Service&) = delete;
+
+  // Starts the clock thread. Idempotent.
+  void start();
+  // Stops and joins the clock thread. Idempotent.
+  void stop();
+
+  // Answers one request: the reply text (always a JSON object with "ret").
+  // Never throws; a malformed request gets a complaint and "ret" -1.
+  std::string handle_request(const char* text, std::size_t len);
+  // Reads one notice; malformed ones get a complaint.
+  void handle_notice(const char* text, std::size_t len);
+
+ private:
+  void run_clock();
+  void send(Outbox* out);  // REQUIRES: mu_ held
+  int ask_library_for_source(int source);
+
+  Endpoints* endpoints_;
+  std::mutex mu_;
+  std::condition_variable wake_;
+  ServiceState state_;  // guarded by mu_
+  bool stopping_ = false;  // guarded by mu_
+  std::thread clock_;
+};
+
+}  // namespace pavo::service
+
+#endif  // PAVO_MEDIA_SERVICE_SERVICE_H
