@@ -223,7 +223,9 @@ TEST_F(AvctlSession, FailingStepsAndBadScriptsEndLoudly) {
     const Ran ran = run_avctl({"--media-log", "/dev/null"}, c.script);
     EXPECT_EQ(ran.status, c.status) << ran.output;
     EXPECT_NE(ran.output.find(c.said), std::string::npos) << ran.output;
-    if (c.status == 2) EXPECT_EQ(ran.output.find("step"), std::string::npos) << ran.output;
+    if (c.status == 2) {
+      EXPECT_EQ(ran.output.find("step"), std::string::npos) << ran.output;
+    }
   }
 }
 
