@@ -53,7 +53,9 @@ fi
 mkdir -p build
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DPAVO_BUILD_TESTS=OFF -DPAVO_BUILD_BENCHMARKS=OFF \
   >build/demo.configure.log 2>&1 || { cat build/demo.configure.log; exit 1; }
-cmake --build "$build" -j"$(nproc)" --target pavo-avctl pavo-media-service
+echo "demo: building pavo-avctl and pavo-media-service (log: build/demo.build.log)"
+cmake --build "$build" -j"$(nproc)" --target pavo-avctl pavo-media-service >build/demo.build.log 2>&1 ||
+  { cat build/demo.build.log; exit 1; }
 # The service's queues have fixed keys: a private IPC namespace keeps the demo
 # apart from anything else on the machine (and removes its queues at the end).
 if unshare --ipc true 2>/dev/null; then

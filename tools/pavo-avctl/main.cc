@@ -113,6 +113,7 @@ int main(int argc, char** argv) {
   int status = kExitOk;
   for (const Step& step : options.steps) {
     if (session.run(step, error)) continue;
+    session.end_progress();
     const std::string where =
         step.line > 0 ? source + ":" + std::to_string(step.line) + ": " : std::string();
     timeline.line("FAIL", where + step.text() + ": " + error);

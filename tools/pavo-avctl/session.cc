@@ -201,12 +201,16 @@ bool Session::open(std::string& why) {
   return true;
 }
 
-void Session::close() {
+void Session::end_progress() {
   if (progress_.joinable()) {
     progress_stop_.store(true);
     progress_.join();
     timeline_.clear_progress();
   }
+}
+
+void Session::close() {
+  end_progress();
   if (drm_agent_ != nullptr) {
     Pavo_DrmAgent_UnregisterCallback(drm_agent_);
     Pavo_DrmAgent_Destroy(drm_agent_);

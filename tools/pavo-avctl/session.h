@@ -101,6 +101,8 @@ class Session {
   bool open(std::string& why);
   // Runs one step (checked by check_step). False with `why` when it failed.
   bool run(const Step& step, std::string& why);
+  // Ends the progress display (before a final report).
+  void end_progress();
   // Ends the progress display, the DRM agent, the object and the library.
   // Safe to call more than once.
   void close();
