@@ -1,5 +1,5 @@
 // pavo-avctl against pavo-media-service, both real child processes: scripts
-// whose timelines and exit statuses are checked. The queues have fixed keys:
+// and play commands whose timelines and exit statuses are checked. The queues have fixed keys:
 // the test runs in its own IPC namespace (ISOLATED) and removes them.
 #include <fcntl.h>
 #include <poll.h>
@@ -12,10 +12,10 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "service_process.h"
 #include "support/test_queues.h"
 
 namespace {
@@ -27,13 +27,12 @@ struct Ran {
   std::string output;
 };
 
-// Starts `args` (under the cross build's emulator, if any) with standard
-// output and error on a pipe; returns its pid and the pipe's read end.
+// Starts `args` (under the cross build's emulator, as the service is) with
+// standard output and error on a pipe; returns its pid and the pipe's read
+// end.
 pid_t spawn(std::vector<std::string> args, int* out) {
-  std::istringstream emulator(PAVO_TEST_EMULATOR);
-  std::vector<std::string> words;
-  for (std::string word; emulator >> word;) words.push_back(word);
-  args.insert(args.begin(), words.begin(), words.end());
+  const std::vector<std::string> service = pavo::e2e::service_command();
+  args.insert(args.begin(), service.begin(), service.end() - 1);
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return -1;
   const pid_t pid = fork();
@@ -51,12 +50,11 @@ pid_t spawn(std::vector<std::string> args, int* out) {
   return pid;
 }
 
-// Reads `fd` until `done(text)` holds, end of file or `limit`.
-template <typename Done>
-std::string read_until(int fd, std::chrono::milliseconds limit, Done done) {
+// Reads `fd` until end of file or `limit`.
+std::string read_all(int fd, std::chrono::milliseconds limit) {
   std::string text;
   const auto deadline = Clock::now() + limit;
-  while (!done(text)) {
+  for (;;) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     pollfd p{fd, POLLIN, 0};
     if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
@@ -93,7 +91,7 @@ Ran run_avctl(std::vector<std::string> args, const std::string& script = "") {
   int out = -1;
   const pid_t pid = spawn(args, &out);
   Ran ran;
-  ran.output = read_until(out, std::chrono::seconds(60), [](const std::string&) { return false; });
+  ran.output = read_all(out, std::chrono::seconds(60));
   close(out);
   ran.status = reap(pid, std::chrono::seconds(5));
   return ran;
@@ -132,24 +130,14 @@ class AvctlSession : public testing::Test {
  protected:
   void SetUp() override {
     remove_system_queues();
-    service_ = spawn({PAVO_MEDIA_SERVICE_PATH, "--time-scale", "20"}, &service_out_);
-    ASSERT_GT(service_, 0);
-    const std::string said = read_until(service_out_, std::chrono::seconds(10), [](const std::string& t) {
-      return t.find("pavo-media-service: ready\n") != std::string::npos;
-    });
-    ASSERT_NE(said.find("pavo-media-service: ready\n"), std::string::npos) << said;
+    ASSERT_TRUE(service_.start(20, std::chrono::seconds(10))) << service_.output();
   }
   void TearDown() override {
-    if (service_ > 0) {
-      kill(service_, SIGTERM);
-      EXPECT_EQ(reap(service_, std::chrono::seconds(5)), 0);
-      close(service_out_);
-    }
+    EXPECT_EQ(service_.stop(), 0) << service_.output();
     remove_system_queues();
   }
 
-  pid_t service_ = -1;
-  int service_out_ = -1;
+  pavo::e2e::ServiceProcess service_;
 };
 
 TEST_F(AvctlSession, ScriptShowsTheWholeMissionOnItsTimeline) {
