@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <functional>
 #include <future>
+#include <mutex>
 #include <iterator>
 #include <thread>
 
@@ -84,7 +86,35 @@ TEST_F(AvctrlTest, CreateAndDestroyDriveThePlayerAndTheHandleLookup) {
   EXPECT_TRUE(logged("Pavo_AVCtrl_GetHandle", "Error: initialized the avc 0 times."));
 }
 
-TEST_F(AvctrlTest, DestroyWaitsForTheEventBeingTranslatedAndLaterEventsAreIgnored) {
+// The plug-in destroys the object while it holds a lock of its own that the
+// callback of an event being translated waits for: Destroy returns at once,
+// the translation posts nothing more (a report of playing posts the held-back
+// speed, then would post the state), and the object goes when the
+// translation ends, its player destroyed from the event thread.
+TEST_F(AvctrlTest, DestroyReturnsWhileTheCallbackWaitsForALockThePlugInHolds) {
+  std::mutex plug_in_lock;
+  std::atomic<bool> in_callback{false}, destroyed{false};
+  on_post_ = [&](int) {
+    in_callback = true;
+    std::lock_guard<std::mutex> wait(plug_in_lock);
+  };
+  std::thread plug_in([&] {
+    std::lock_guard<std::mutex> hold(plug_in_lock);
+    if (!wait_until([&] { return in_callback.load(); })) return;
+    Pavo_AVCtrl_Destroy(handle_);
+    destroyed = true;
+  });
+  ASSERT_TRUE(service_.send_event(player_event(PAVO_MEDIA_PLUGIN_EVENT_STATECHANGE, 5)));
+  ASSERT_TRUE(wait_until([&] { return destroyed.load(); })) << "Destroy waits for the callback";
+  plug_in.join();
+  handle_ = nullptr;
+  ASSERT_TRUE(wait_until([&] { return seen().size() == 2; }));
+  EXPECT_EQ(seen(), (Seen{{kSpeed, 0.0}, {kAsk, 1}}));
+}
+
+// Unregistering from another thread waits for the post in flight; from
+// inside the callback (SetPlayStatePostsChanges...) it does not wait.
+TEST_F(AvctrlTest, UnregisterWaitsForAPostInFlightOnAnotherThread) {
   std::promise<void> in_callback, release;
   std::shared_future<void> released = release.get_future().share();
   on_post_ = [&](int) {
@@ -93,23 +123,43 @@ TEST_F(AvctrlTest, DestroyWaitsForTheEventBeingTranslatedAndLaterEventsAreIgnore
   };
   std::thread event_thread([&] { event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 2.0); });
   in_callback.get_future().wait();
-  auto destroyed =
-      std::async(std::launch::async, [gone = handle_] { return Pavo_AVCtrl_Destroy(gone); });
-  EXPECT_EQ(destroyed.wait_for(100ms), std::future_status::timeout) << "waits for the translation";
+  auto unregistered = std::async(std::launch::async, [this] {
+    return Pavo_AVCtrl_UnregisterCallback(handle_);
+  });
+  EXPECT_EQ(unregistered.wait_for(100ms), std::future_status::timeout);
   release.set_value();
-  EXPECT_EQ(destroyed.get(), 0);
+  EXPECT_EQ(unregistered.get(), 0);
   event_thread.join();
-  event(PAVO_MEDIA_PLUGIN_EVENT_STATECHANGE, 5);
-  handle_ = nullptr;
-  EXPECT_EQ(seen(), (Seen{{kPosition, 2000.0}, {kAsk, 1}})) << "a later event is dropped";
+  event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 3.0);
+  EXPECT_EQ(seen(), (Seen{{kPosition, 2000.0}}));
 }
 
+// The callback may destroy its object from any post: the object lives until
+// the call that posted has finished with it.
 TEST_F(AvctrlTest, ObjectsOwnCallbackMayDestroyIt) {
-  on_post_ = [this](int) { Pavo_AVCtrl_Destroy(handle_); };
-  event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 2.0);  // released when the translation ends
-  handle_ = nullptr;
-  EXPECT_EQ(g_avctrl_count, 0);
-  EXPECT_EQ(seen(), (Seen{{kPosition, 2000.0}, {kAsk, 1}}));
+  answer(6, reply_with(-2));
+  const struct {
+    std::function<void(void*)> call;
+    Seen seen;
+  } rows[] = {
+      {[this](void*) { event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 2.0); },
+       {{kPosition, 2000.0}, {kAsk, 1}}},
+      {[](void* h) { Pavo_AVCtrl_Load(h, "u"); }, {{kState, CONNECTING}, {kAsk, 2}, {kAsk, 1}}},
+      {[](void* h) { Pavo_AVCtrl_Seek(h, 1.0); }, {{kAsk, 6}, {kAsk, 10}, {kPosition, 0.0}, {kAsk, 1}}},
+  };
+  for (const auto& row : rows) {
+    if (handle_ == nullptr) {
+      ASSERT_EQ(Pavo_AVCtrl_Create(nullptr, &handle_), 0);
+      ASSERT_EQ(Pavo_AVCtrl_RegisterCallback(handle_, record, this), 0);
+    }
+    clear();
+    on_post_ = [this](int) { Pavo_AVCtrl_Destroy(handle_); };
+    row.call(handle_);
+    on_post_ = nullptr;
+    handle_ = nullptr;
+    EXPECT_EQ(g_avctrl_count, 0);
+    EXPECT_EQ(seen(), row.seen);
+  }
 }
 
 // A thread cancelled while the plug-in's callback runs inside an event
@@ -191,7 +241,7 @@ TEST(AvctrlLog, LinesNameTheirProcessThreadAndSourceFile) {
   for (const pid_t pid : {getpid(), child}) {
     const std::string id = std::to_string(pid);
     EXPECT_NE(text.find("[media-log 3] pid=" + id + " tid=" + id +
-                        " av_control_adaptor/object.cc:Pavo_AVCtrl_GetHandle:"),
+                        " av_control_adaptor/handle_lookup.cc:Pavo_AVCtrl_GetHandle:"),
               std::string::npos)
         << text;
   }
