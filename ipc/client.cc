@@ -7,17 +7,19 @@
 #include <mutex>
 #include <new>
 
-#include "ipc/callback_guard.h"
+#include "base/callback_guard.h"
+#include "base/deleters.h"
+#include "base/result_codes.h"
 #include "ipc/framing.h"
 #include "ipc/reply_deadline.h"
 #include "ipc/sys_errors.h"
 #include "pavo_ipc.h"
 
-using pavo::ipc::kBadArgument;
-using pavo::ipc::kFailed;
+using pavo::kBadArgument;
+using pavo::kFailed;
+using pavo::kNoMemory;
+using pavo::kOk;
 using pavo::ipc::kMaxMessage;
-using pavo::ipc::kNoMemory;
-using pavo::ipc::kOk;
 
 // Thread-safe: `lock` serialises every send on the handle; a synchronous
 // exchange holds it from opening the queues until the reply is in, so there
@@ -44,11 +46,8 @@ namespace {
 
 constexpr int kQueuePermissions = 0666;
 
-struct FreeDeleter {
-  void operator()(void* p) const { std::free(p); }
-};
-using FrameBuffer = std::unique_ptr<pavo_ipc_frame, FreeDeleter>;
-using TextBuffer = std::unique_ptr<char, FreeDeleter>;
+using FrameBuffer = MallocPtr<pavo_ipc_frame>;
+using TextBuffer = MallocPtr<char>;
 
 // Opens the queues that are not open yet. REQUIRES: client->lock held.
 bool open_queues(pavo_ipc_client* client) {
@@ -204,7 +203,7 @@ PAVO_EXPORT int pavo_ipc_client_send_sync_with_callback(pavo_ipc_client* handle,
   if (rc != kOk) return rc;
   if (reply.kind == pavo::ipc::IPC_MSG_SYNC_REPLY && callback != nullptr) {
     pavo_ipc_msg message{reply.length, reply.text.get()};
-    const bool returned = pavo::ipc::call_guarded("reply callback", [&] { callback(&message, 0); });
+    const bool returned = pavo::call_guarded("ipc: reply callback", [&] { callback(&message, 0); });
     if (!returned) return kFailed;
   }
   return kOk;

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 
+#include "base/deleters.h"
 #include "ipc/sys_errors.h"
 
 namespace pavo::ipc {
@@ -19,10 +20,6 @@ namespace {
 
 constexpr useconds_t kResendPause = 50000;  // 50 ms
 constexpr int kMaxResends = 5;
-
-struct FreeDeleter {
-  void operator()(void* p) const { std::free(p); }
-};
 
 // One msgsnd of the whole frame; returns 0 or the errno of the failure.
 int try_send(int queue_id, pavo_ipc_frame* frame, uint32_t chunk_size) {
@@ -101,7 +98,7 @@ SendOutcome send_message(int queue_id, long mtype, uint32_t chunk_size, const pa
     out.code = kBadArgument;
     return out;
   }
-  std::unique_ptr<pavo_ipc_frame, FreeDeleter> frame(
+  MallocPtr<pavo_ipc_frame> frame(
       static_cast<pavo_ipc_frame*>(std::calloc(1, frame_buffer_size(chunk_size))));
   if (!frame) {
     int err = errno;

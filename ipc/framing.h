@@ -6,17 +6,11 @@
 
 #include <cstdint>
 
+#include "base/result_codes.h"
 #include "ipc/frame.h"
 #include "pavo_ipc.h"
 
 namespace pavo::ipc {
-
-// Result codes of the transport.
-constexpr int kOk = 0;
-constexpr int kFailed = -1;
-constexpr int kBadArgument = -3;
-constexpr int kNoMemory = -4;
-constexpr int kNoThread = -5;
 
 struct SendOutcome {
   int code = kOk;           // as ipc_snd_internal

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <map>
 
+#include "base/mutex_lock.h"
 #include "ipc/frame.h"
 #include "ipc/sys_errors.h"
 
@@ -46,17 +47,6 @@ timespec to_monotonic_timespec(Clock::time_point t) {
   ts.tv_nsec = static_cast<long>(ns % 1000000000);
   return ts;
 }
-
-class MutexLock {
- public:
-  explicit MutexLock(pthread_mutex_t* mu) : mu_(mu) { pthread_mutex_lock(mu_); }
-  ~MutexLock() { pthread_mutex_unlock(mu_); }
-  MutexLock(const MutexLock&) = delete;
-  MutexLock& operator=(const MutexLock&) = delete;
-
- private:
-  pthread_mutex_t* mu_;
-};
 
 class Watchdog {
  public:

@@ -15,16 +15,18 @@
 #include <mutex>
 #include <new>
 
-#include "ipc/callback_guard.h"
+#include "base/callback_guard.h"
+#include "base/deleters.h"
+#include "base/result_codes.h"
 #include "ipc/framing.h"
 #include "ipc/sys_errors.h"
 #include "pavo_ipc.h"
 
-using pavo::ipc::kBadArgument;
+using pavo::kBadArgument;
+using pavo::kNoMemory;
+using pavo::kNoThread;
+using pavo::kOk;
 using pavo::ipc::kMaxMessage;
-using pavo::ipc::kNoMemory;
-using pavo::ipc::kNoThread;
-using pavo::ipc::kOk;
 
 // Thread-safety: `lock` is held by the receive thread while the callback runs
 // and its reply is sent, and by (un)registration, so a callback is never
@@ -60,10 +62,6 @@ constexpr auto kStopWait = std::chrono::seconds(1);
 // Pause after a receive failure of unknown cause, so it cannot spin a core.
 constexpr useconds_t kFailurePause = 10000;
 
-struct FreeDeleter {
-  void operator()(void* p) const { std::free(p); }
-};
-
 // Releases a reply the way the callback contract allocates it.
 void release_reply(pavo_ipc_msg* reply) {
   if (reply == nullptr) return;
@@ -75,7 +73,7 @@ pavo_ipc_msg* run_callback(pavo_ipc_server* server, pavo_ipc_msg* message) {
   pavo_ipc_server_callback callback = server->callback.load();
   if (callback == nullptr) return nullptr;
   pavo_ipc_msg* reply = nullptr;
-  call_guarded("server callback", [&] { reply = callback(message, server->user_data.load()); });
+  call_guarded("ipc: server callback", [&] { reply = callback(message, server->user_data.load()); });
   return reply;
 }
 
@@ -115,8 +113,8 @@ void mark_ended(pavo_ipc_server* server) {
 void receive_loop(pavo_ipc_server* server) {
   const uint32_t n = server->chunk_size;
   uint32_t capacity = n + 1;
-  std::unique_ptr<char, FreeDeleter> text(static_cast<char*>(std::malloc(capacity)));
-  std::unique_ptr<pavo_ipc_frame, FreeDeleter> frame(
+  MallocPtr<char> text(static_cast<char*>(std::malloc(capacity)));
+  MallocPtr<pavo_ipc_frame> frame(
       static_cast<pavo_ipc_frame*>(std::malloc(frame_buffer_size(n))));
   if (!text || !frame) return;
 

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/result_codes.h"
 #include "mediaplayer_ipc/registry.h"
 #include "mediaplayer_ipc/request_frame.h"
 #include "pavo_drm_agent.h"
@@ -16,8 +17,6 @@ using pavo::mediaplayer::PointerText;
 using pavo::mediaplayer::refuse_null_argument;
 
 namespace {
-
-constexpr int kBadArgument = -3;
 
 const char* or_empty(const char* text) { return text != nullptr ? text : ""; }
 
@@ -123,43 +122,43 @@ int Pavo_MediaPlayer_IPC_DrmAgent_clearLicense(void* handle) {
 extern "C" {
 
 int Pavo_DrmAgent_Create(void** handle) {
-  if (handle == nullptr) return kBadArgument;
+  if (handle == nullptr) return pavo::kBadArgument;
   return Pavo_MediaPlayer_IPC_DrmAgent_Create(handle);
 }
 
 int Pavo_DrmAgent_Destroy(void* handle) {
-  if (handle == nullptr) return kBadArgument;
+  if (handle == nullptr) return pavo::kBadArgument;
   return Pavo_MediaPlayer_IPC_DrmAgent_Destroy(handle);
 }
 
 int Pavo_DrmAgent_RegisterCallback(void* handle, PavoDrmCallback callback, const void* user_data) {
-  if (handle == nullptr || user_data == nullptr) return kBadArgument;
+  if (handle == nullptr || user_data == nullptr) return pavo::kBadArgument;
   return Pavo_MediaPlayer_IPC_DrmAgent_RegisterCallback(handle, callback, user_data);
 }
 
 int Pavo_DrmAgent_UnregisterCallback(void* handle) {
-  if (handle == nullptr) return kBadArgument;
+  if (handle == nullptr) return pavo::kBadArgument;
   return Pavo_MediaPlayer_IPC_DrmAgent_UnregisterCallback(handle);
 }
 
 int Pavo_DrmAgent_sendDRMMessage(void* handle, const char* msg_type, const char* msg,
                                  const char* system_id, char* msg_id, unsigned msg_id_len) {
   if (handle == nullptr || msg_type == nullptr || msg == nullptr || msg_id == nullptr) {
-    return kBadArgument;
+    return pavo::kBadArgument;
   }
   return Pavo_MediaPlayer_IPC_DrmAgent_sendDRMMessage(handle, msg_type, msg, system_id, msg_id,
                                                       msg_id_len);
 }
 
 int Pavo_DrmAgent_DRMSystemStatus(void* handle, const char* system_id, int* status) {
-  if (handle == nullptr || system_id == nullptr || status == nullptr) return kBadArgument;
+  if (handle == nullptr || system_id == nullptr || status == nullptr) return pavo::kBadArgument;
   return Pavo_MediaPlayer_IPC_DrmAgent_DRMSystemStatus(handle, system_id, status);
 }
 
 int Pavo_DrmAgent_canPlayContent(void* handle, const char* private_data, const char* system_id,
                                  bool* result) {
   if (handle == nullptr || private_data == nullptr || system_id == nullptr || result == nullptr) {
-    return kBadArgument;
+    return pavo::kBadArgument;
   }
   return Pavo_MediaPlayer_IPC_DrmAgent_canPlayContent(handle, private_data, system_id, result);
 }
@@ -167,13 +166,13 @@ int Pavo_DrmAgent_canPlayContent(void* handle, const char* private_data, const c
 int Pavo_DrmAgent_canRecordContent(void* handle, const char* private_data, const char* system_id,
                                    bool* result) {
   if (handle == nullptr || private_data == nullptr || system_id == nullptr || result == nullptr) {
-    return kBadArgument;
+    return pavo::kBadArgument;
   }
   return Pavo_MediaPlayer_IPC_DrmAgent_canRecordContent(handle, private_data, system_id, result);
 }
 
 int Pavo_DrmAgent_clearLicense(void* handle) {
-  if (handle == nullptr) return kBadArgument;
+  if (handle == nullptr) return pavo::kBadArgument;
   return Pavo_MediaPlayer_IPC_DrmAgent_clearLicense(handle);
 }
 

@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "base/result_codes.h"
 #include "mediaplayer_ipc/event_reception.h"
 #include "mediaplayer_ipc/log_records.h"
 #include "mediaplayer_ipc/registry.h"
@@ -20,7 +21,6 @@ namespace {
 
 constexpr int kMessageType = 1;
 constexpr uint32_t kChunkSize = 1024;
-constexpr int kFailed = -1;
 
 std::mutex g_lifecycle;  // serialises Initialize and Finalize
 
@@ -130,7 +130,7 @@ int Pavo_MediaPlayer_IPC_Initialize(int) {
                    MediaPlayerIPCCallback, __func__) ||
       !open_client(&g_mediaplayer_ipc_client_handle, key_of(PAVO_MEDIAPLAYER_REQUEST_KEY), 1,
                    &g_mediaplayer_ipc_server_handle, __func__)) {
-    return kFailed;
+    return pavo::kFailed;
   }
   // The event server and the notice client; a failure here takes back only
   // the event server.
@@ -138,7 +138,7 @@ int Pavo_MediaPlayer_IPC_Initialize(int) {
                    MediaPlayerIPCAsyncCallback, __func__) ||
       !open_client(&g_mediaplayer_ipc_client_async_handle, key_of(PAVO_MEDIAPLAYER_NOTICE_KEY), 0,
                    &g_mediaplayer_ipc_server_async_handle, __func__)) {
-    return kFailed;
+    return pavo::kFailed;
   }
   log_leave(__func__);
   return 0;
@@ -151,7 +151,7 @@ int Pavo_MediaPlayer_IPC_Finalize() {
       !close_server(&g_mediaplayer_ipc_server_handle, __func__) ||
       !close_client(&g_mediaplayer_ipc_client_async_handle, __func__) ||
       !close_server(&g_mediaplayer_ipc_server_async_handle, __func__)) {
-    return kFailed;
+    return pavo::kFailed;
   }
   clear_players();
   log_leave(__func__);

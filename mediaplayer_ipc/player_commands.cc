@@ -5,6 +5,7 @@
 // A null pointer argument (a text, a record or an out-parameter) is refused
 // with -1 and an error record before anything is sent, as SetCustomData's
 // null text is.
+#include "base/result_codes.h"
 #include "mediaplayer_ipc/log_records.h"
 #include "mediaplayer_ipc/registry.h"
 #include "mediaplayer_ipc/request_frame.h"
@@ -14,8 +15,6 @@ using pavo::mediaplayer::Command;
 using pavo::mediaplayer::refuse_null_argument;
 
 namespace {
-
-constexpr int kNoMemory = -4;
 
 // Commands whose only argument besides the player is one request member.
 // The records name the command's own line (the defaults are the caller's).
@@ -61,7 +60,7 @@ int Pavo_MediaPlayer_IPC_RegisterCallback(unsigned player_id, PavoMediaPlayerCal
   pavo::mediaplayer::log_enter(__func__);
   if (!pavo::mediaplayer::register_player(player_id, cb, user_data)) {
     pavo::mediaplayer::log_error(__func__);
-    return kNoMemory;
+    return pavo::kNoMemory;
   }
   pavo::mediaplayer::log_leave(__func__);
   return 0;

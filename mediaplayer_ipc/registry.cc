@@ -6,7 +6,7 @@
 #include <new>
 #include <thread>
 
-#include "ipc/callback_guard.h"
+#include "base/callback_guard.h"
 #include "pavo_mediaplayer_ipc.h"
 
 // Exported callback slots; see registry.h for how they are accessed.
@@ -92,7 +92,7 @@ void publish(T* slot, T value) {
 
 template <typename Call>
 Dispatch call(const char* what, Call&& callback) {
-  return pavo::ipc::call_guarded(what, callback) ? Dispatch::kDelivered : Dispatch::kCallbackThrew;
+  return pavo::call_guarded(what, callback) ? Dispatch::kDelivered : Dispatch::kCallbackThrew;
 }
 
 }  // namespace

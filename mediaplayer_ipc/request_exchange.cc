@@ -6,6 +6,8 @@
 #include <new>
 #include <string>
 
+#include "base/deleters.h"
+#include "base/result_codes.h"
 #include "mediaplayer_ipc/endpoints.h"
 #include "mediaplayer_ipc/log_records.h"
 #include "mediaplayer_ipc/request_frame.h"
@@ -14,15 +16,9 @@
 namespace pavo::mediaplayer {
 namespace {
 
-constexpr int kUnreadable = -1;
-constexpr int kNoMemory = -4;
 // Each thread keeps its request text buffer between commands, unless a long
 // text made it bigger than this.
 constexpr std::size_t kKeptRequestCapacity = 4096;
-
-struct FreeDeleter {
-  void operator()(char* p) const { std::free(p); }
-};
 
 }  // namespace
 
@@ -42,7 +38,7 @@ int Command::run() {
     return pavo_ipc_client_send_sync_with_params(client.get(), &request, &reply);
   }();
   if (text.capacity() > kKeptRequestCapacity) std::string().swap(text);
-  const std::unique_ptr<char, FreeDeleter> reply_text(reply.data);
+  const MallocPtr<char> reply_text(reply.data);
   if (sent != 0) {
     log_error(function_);
     return sent;
@@ -50,7 +46,7 @@ int Command::run() {
   // An answer without text (the service had no reply) carries no length.
   if (reply_text == nullptr || reply.len == 0) {
     log_error(function_);
-    return kUnreadable;
+    return kFailed;  // no readable reply
   }
   return read_reply(reply_text.get());
 }

@@ -6,14 +6,12 @@
 #include <new>
 #include <utility>
 
+#include "base/result_codes.h"
 #include "mediaplayer_ipc/json_input.h"
 #include "mediaplayer_ipc/log_records.h"
 
 namespace pavo::mediaplayer {
 namespace {
-
-constexpr int kUnreadable = -1;
-constexpr int kNoMemory = -4;
 
 // One converted reply member, held until every member has converted.
 struct Converted {
@@ -30,7 +28,7 @@ struct Converted {
 int refuse_null_argument(const char* function, const char* file, int line) {
   log_enter(function, file, line);
   log_error(function);
-  return kUnreadable;
+  return kFailed;
 }
 
 PointerText::PointerText(const void* pointer) {
@@ -114,7 +112,7 @@ int Command::read_reply(const char* text) {
     Json::Value root;
     if (!parse_object(text, std::strlen(text), &root)) {
       log_error(function_);
-      return kUnreadable;
+      return kFailed;
     }
     return read_object(root);
   } catch (const std::bad_alloc&) {  // (a cancelled thread's forced unwind passes)
@@ -143,7 +141,7 @@ int Command::read_object(const Json::Value& root) {
   if (readable && !ignore_ret_) readable = read_int(root, "ret", &ret);
   if (!readable) {
     log_error(function_);
-    return kUnreadable;
+    return kFailed;
   }
   for (std::size_t k = 0; k < output_count_; ++k) {
     const Output& o = outputs_[k];
