@@ -12,10 +12,10 @@
 #include "av_control_adaptor/event_translation.h"
 
 #include "av_control_adaptor/components.h"
-#include "av_control_adaptor/exception_barrier.h"
 #include "av_control_adaptor/media_log.h"
 #include "av_control_adaptor/object_lifetime.h"
 #include "av_control_adaptor/plugin_callback.h"
+#include "base/callback_guard.h"
 #include "pavo_avctrl.h"
 #include "pavo_mediaplayer_adaptor.h"
 #include "pavo_record_list.h"
@@ -251,5 +251,5 @@ void mediaplayer_adaptor_callback(PavoMediaPluginEvent event, PavoMediaError err
   pavo::avctrl::ObjectRef ref(ctx);
   if (!ref.held()) return;  // destroyed: its events go nowhere
   // Nothing may reach the event thread: an exception loses this event only.
-  pavo::avctrl::without_exceptions([&] { pavo::avctrl::translate(ctx, event, error, data1, data2); });
+  pavo::call_guarded(nullptr, [&] { pavo::avctrl::translate(ctx, event, error, data1, data2); });
 }

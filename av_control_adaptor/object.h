@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "base/mutex_lock.h"
 #include "pavo_avctrl_types.h"
 
 // Last playback command issued (`last_command`); the event translation uses
@@ -23,21 +24,7 @@ enum : int32_t {
 constexpr double PAVO_AVCTRL_PENDING_NONE = 9999.0;
 
 namespace pavo::avctrl {
-
-struct PostInFlight;  // plugin_callback.cc
-
-// Holds a pthread mutex for its scope.
-class MutexLock {
- public:
-  explicit MutexLock(pthread_mutex_t* mutex) : mutex_(mutex) { pthread_mutex_lock(mutex_); }
-  ~MutexLock() { pthread_mutex_unlock(mutex_); }
-  MutexLock(const MutexLock&) = delete;
-  MutexLock& operator=(const MutexLock&) = delete;
-
- private:
-  pthread_mutex_t* const mutex_;
-};
-
+struct PostInFlight;  // plugin_callback.h
 }  // namespace pavo::avctrl
 
 // One A/V control object; it owns one service player (`player_id`).

@@ -126,7 +126,7 @@ int Pavo_AVCtrl_Destroy(void* handle) {
   g_avctrl_handle.store(nullptr);
   bool last;
   {
-    pavo::avctrl::MutexLock lock(&ctx->cb_mutex);
+    pavo::MutexLock lock(&ctx->cb_mutex);
     ctx->destroyed = true;
     last = pavo::avctrl::drop_reference(ctx);
   }

@@ -14,7 +14,7 @@
 
 using pavo::avctrl::event_info;
 using pavo::avctrl::locked_request;
-using pavo::avctrl::MutexLock;
+using pavo::MutexLock;
 using pavo::avctrl::ObjectRef;
 using pavo::avctrl::post;
 

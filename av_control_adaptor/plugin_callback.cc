@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "av_control_adaptor/exception_barrier.h"
+#include "base/callback_guard.h"
 #include "av_control_adaptor/object_lifetime.h"
 #include "hbbtv_plugin_impl.h"
 #include "pavo_avctrl.h"
@@ -82,7 +82,7 @@ Post::~Post() {
 }
 
 void Post::call(PavoAVCtrlEvent event, const PavoAVCtrlEventInfo& info) const {
-  without_exceptions([&] { callback_(event, &info, user_data_); });
+  call_guarded(nullptr, [&] { callback_(event, &info, user_data_); });
 }
 
 }  // namespace pavo::avctrl
@@ -102,7 +102,7 @@ int Pavo_AVCtrl_UnregisterCallback(void* handle) {
   PavoAVCtrlContext* ctx = avctrl_context(handle);
   if (ctx == nullptr) return -3;
   pavo::avctrl::change_callback(ctx, nullptr, nullptr);
-  pavo::avctrl::MutexLock lock(&ctx->cb_mutex);
+  pavo::MutexLock lock(&ctx->cb_mutex);
   if (pavo::avctrl::posting_on_this_thread(ctx)) return 0;
   while (ctx->posts != nullptr) pthread_cond_wait(&ctx->post_returned, &ctx->cb_mutex);
   return 0;

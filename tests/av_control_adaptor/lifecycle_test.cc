@@ -93,17 +93,19 @@ TEST_F(AvctrlTest, CreateAndDestroyDriveThePlayerAndTheHandleLookup) {
 // translation ends, its player destroyed from the event thread.
 TEST_F(AvctrlTest, DestroyReturnsWhileTheCallbackWaitsForALockThePlugInHolds) {
   std::mutex plug_in_lock;
-  std::atomic<bool> in_callback{false}, destroyed{false};
+  std::atomic<bool> holding{false}, in_callback{false}, destroyed{false};
   on_post_ = [&](int) {
     in_callback = true;
     std::lock_guard<std::mutex> wait(plug_in_lock);
   };
   std::thread plug_in([&] {
     std::lock_guard<std::mutex> hold(plug_in_lock);
+    holding = true;
     if (!wait_until([&] { return in_callback.load(); })) return;
     Pavo_AVCtrl_Destroy(handle_);
     destroyed = true;
   });
+  ASSERT_TRUE(wait_until([&] { return holding.load(); }));
   ASSERT_TRUE(service_.send_event(player_event(PAVO_MEDIA_PLUGIN_EVENT_STATECHANGE, 5)));
   ASSERT_TRUE(wait_until([&] { return destroyed.load(); })) << "Destroy waits for the callback";
   plug_in.join();
