@@ -144,6 +144,13 @@ class AvctrlTest : public ::testing::Test {
     standin::media_log_clear();
   }
 
+  // Sets what the callback runs, visibly to an event thread that is not
+  // started after it (the callback reads it after taking mutex_).
+  void on_post(std::function<void(int event)> fn) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    on_post_ = std::move(fn);
+  }
+
   PavoAVCtrlContext* ctx() const { return static_cast<PavoAVCtrlContext*>(handle_); }
 
   // The library's own queues, removed after the library has stopped.

@@ -94,10 +94,10 @@ TEST_F(AvctrlTest, CreateAndDestroyDriveThePlayerAndTheHandleLookup) {
 TEST_F(AvctrlTest, DestroyReturnsWhileTheCallbackWaitsForALockThePlugInHolds) {
   std::mutex plug_in_lock;
   std::atomic<bool> holding{false}, in_callback{false}, destroyed{false};
-  on_post_ = [&](int) {
+  on_post([&](int) {
     in_callback = true;
     std::lock_guard<std::mutex> wait(plug_in_lock);
-  };
+  });
   std::thread plug_in([&] {
     std::lock_guard<std::mutex> hold(plug_in_lock);
     holding = true;
@@ -147,7 +147,8 @@ TEST_F(AvctrlTest, ObjectsOwnCallbackMayDestroyIt) {
       {[this](void*) { event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 2.0); },
        {{kPosition, 2000.0}, {kAsk, 1}}},
       {[](void* h) { Pavo_AVCtrl_Load(h, "u"); }, {{kState, CONNECTING}, {kAsk, 2}, {kAsk, 1}}},
-      {[](void* h) { Pavo_AVCtrl_Seek(h, 1.0); }, {{kAsk, 6}, {kAsk, 10}, {kPosition, 0.0}, {kAsk, 1}}},
+      {[](void* h) { Pavo_AVCtrl_Seek(h, 1.0); },
+       {{kAsk, 6}, {kAsk, 10}, {kPosition, 0.0}, {kAsk, 1}}},
   };
   for (const auto& row : rows) {
     if (handle_ == nullptr) {
@@ -165,8 +166,8 @@ TEST_F(AvctrlTest, ObjectsOwnCallbackMayDestroyIt) {
 }
 
 // A thread cancelled while the plug-in's callback runs inside an event
-// translation unwinds through the library, releasing its locks and its
-// translation span on the way, and is not taken for an exception.
+// translation unwinds through the library, ending its post and dropping its
+// references on the way, and is not taken for an exception.
 TEST_F(AvctrlTest, CancelledEventThreadUnwindsThroughTheLibrary) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   // AddressSanitizer's no-return hook misreads the stack of a thread that a
@@ -191,8 +192,8 @@ TEST_F(AvctrlTest, CancelledEventThreadUnwindsThroughTheLibrary) {
   ASSERT_EQ(pthread_join(thread, &result), 0);
   EXPECT_EQ(result, PTHREAD_CANCELED);
   on_post_ = nullptr;
-  EXPECT_EQ(Pavo_AVCtrl_SetPlayState(handle_, PAVO_AVCTRL_PLAYSTATE_PAUSED), 0);  // cb_mutex free
-  EXPECT_EQ(Pavo_AVCtrl_Destroy(handle_), 0);  // no translation left running
+  EXPECT_EQ(Pavo_AVCtrl_SetPlayState(handle_, PAVO_AVCTRL_PLAYSTATE_PAUSED), 0);
+  EXPECT_EQ(Pavo_AVCtrl_Destroy(handle_), 0);  // the last reference: the player goes at once
   handle_ = nullptr;
   EXPECT_EQ(seen(), (Seen{{kPosition, 1000.0}, {kState, PAUSED}, {kAsk, 1}}));
 }
