@@ -31,16 +31,15 @@ struct PostInFlight;  // plugin_callback.h
 //
 // Locks, both plain mutexes: `op_mutex` serialises the object's requests to
 // the service and guards the play-state and seek bookkeeping; `cb_mutex`
-// guards the callback pair and the object's lifetime (the members after
-// `pending_seek_pos`). Where both are held, `op_mutex` is taken first.
+// guards the callback pair and the list of posts in flight. Where both are held, `op_mutex` is taken first.
 // Neither is held while the plug-in's callback runs: a post copies the pair
 // under `cb_mutex` and calls without it (plugin_callback.h).
 //
 // Lifetime: the plug-in's handle is one reference, and every event
 // translation and every post holds one more while it uses the object.
-// Pavo_AVCtrl_Destroy drops the handle's reference and waits for nothing;
-// whoever drops the last one destroys the player and frees the object
-// (object_lifetime.h).
+// Pavo_AVCtrl_Destroy drops the handle's reference and waits for no
+// translation or post; whoever drops the last one destroys the player and
+// frees the object (object_lifetime.h).
 //
 // Several fields are read or written without a lock on some path, as the
 // design has it: the speed and error reports of the event thread, the
@@ -64,11 +63,12 @@ struct PavoAVCtrlContext {
   bool seek_pending = false;         // guarded by op_mutex
   double pending_seek_pos = 0.0;     // guarded by op_mutex; milliseconds
 
-  // Guarded by cb_mutex.
-  pthread_cond_t post_returned;                 // signalled whenever a post ends
-  int references = 1;                           // the handle's, plus one per user
-  bool destroyed = false;                       // no translation or post starts
-  pavo::avctrl::PostInFlight* posts = nullptr;  // posts calling the callback now
+  pthread_cond_t post_returned;                 // with cb_mutex: signalled when a post ends
+  pavo::avctrl::PostInFlight* posts = nullptr;  // guarded by cb_mutex: calling the callback now
+  // Twice the number of references (the handle's, plus one per translation
+  // and post using the object), plus 1 once the object is destroyed (after
+  // which no reference is added). See object_lifetime.h.
+  std::atomic<unsigned> lifetime{2};
 };
 
 static_assert(std::atomic<double>::is_always_lock_free, "speed fields need lock-free doubles");

@@ -67,13 +67,10 @@ PavoAVCtrlContext* make_object() {
 
 }  // namespace
 
-bool add_reference(PavoAVCtrlContext* ctx) {
-  if (ctx->destroyed) return false;
-  ++ctx->references;
-  return true;
-}
+namespace {
 
-bool drop_reference(PavoAVCtrlContext* ctx) { return --ctx->references == 0; }
+constexpr unsigned kReference = 2;  // one reference in `lifetime`
+constexpr unsigned kDestroyed = 1;  // the destroyed mark in `lifetime`
 
 void finish_object(PavoAVCtrlContext* ctx) {
   if (MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance()) {
@@ -83,19 +80,29 @@ void finish_object(PavoAVCtrlContext* ctx) {
   free_object(ctx, kOpMutex | kCbMutex | kCondition);
 }
 
-ObjectRef::ObjectRef(PavoAVCtrlContext* ctx) : ctx_(ctx) {
-  MutexLock lock(&ctx_->cb_mutex);
-  held_ = add_reference(ctx_);
+// Marks the object destroyed and drops the handle's reference in one step.
+void destroy_object(PavoAVCtrlContext* ctx) {
+  if (ctx->lifetime.fetch_sub(kReference - kDestroyed) == kReference) finish_object(ctx);
 }
 
+}  // namespace
+
+bool add_reference(PavoAVCtrlContext* ctx) {
+  unsigned now = ctx->lifetime.load();
+  do {
+    if (now & kDestroyed) return false;
+  } while (!ctx->lifetime.compare_exchange_weak(now, now + kReference));
+  return true;
+}
+
+void drop_reference(PavoAVCtrlContext* ctx) {
+  if (ctx->lifetime.fetch_sub(kReference) == kReference + kDestroyed) finish_object(ctx);
+}
+
+ObjectRef::ObjectRef(PavoAVCtrlContext* ctx) : ctx_(ctx), held_(add_reference(ctx)) {}
+
 ObjectRef::~ObjectRef() {
-  if (!held_) return;
-  bool last;
-  {
-    MutexLock lock(&ctx_->cb_mutex);
-    last = drop_reference(ctx_);
-  }
-  if (last) finish_object(ctx_);
+  if (held_) drop_reference(ctx_);
 }
 
 }  // namespace pavo::avctrl
@@ -124,12 +131,6 @@ int Pavo_AVCtrl_Destroy(void* handle) {
   if (ctx == nullptr || !pavo::avctrl::forget_handle(ctx)) return 0;
   g_avctrl_count.fetch_sub(1);
   g_avctrl_handle.store(nullptr);
-  bool last;
-  {
-    pavo::MutexLock lock(&ctx->cb_mutex);
-    ctx->destroyed = true;
-    last = pavo::avctrl::drop_reference(ctx);
-  }
-  if (last) pavo::avctrl::finish_object(ctx);
+  pavo::avctrl::destroy_object(ctx);
   return 0;
 }

@@ -16,7 +16,8 @@
 // client's registry promises so), unless the freeing happens on the event
 // thread itself, inside the routine's last call.
 //
-// Thread safety: any thread; the object's `cb_mutex` guards the count.
+// Thread safety: any thread; the count is one atomic word, so taking and
+// dropping a reference takes no lock.
 #ifndef PAVO_AV_CONTROL_ADAPTOR_OBJECT_LIFETIME_H
 #define PAVO_AV_CONTROL_ADAPTOR_OBJECT_LIFETIME_H
 
@@ -24,18 +25,15 @@
 
 namespace pavo::avctrl {
 
-// REQUIRES: cb_mutex held. Takes a reference; false (none taken) when the
-// object is destroyed.
+// Takes a reference; false (none taken) when the object is destroyed.
 bool add_reference(PavoAVCtrlContext* ctx);
 
-// REQUIRES: cb_mutex held. Drops a reference; true when it was the last one
-// of a destroyed object: the caller must then call finish_object once it has
-// released cb_mutex, and touch the object no more.
-bool drop_reference(PavoAVCtrlContext* ctx);
-
-// Unregisters the object's event routine, destroys its player (requests to
-// the service, blocking) and frees the object.
-void finish_object(PavoAVCtrlContext* ctx);
+// Drops a reference. When it was the last one of a destroyed object, also
+// unregisters the object's event routine, destroys its player (requests to
+// the service, blocking) and frees the object. REQUIRES: neither of the
+// object's locks held by the calling thread; the caller touches the object
+// no more.
+void drop_reference(PavoAVCtrlContext* ctx);
 
 // A reference for a scope. Holds none when the object is destroyed (test
 // with held()); the object may still be in use then by whoever holds one.

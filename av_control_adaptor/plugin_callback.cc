@@ -66,7 +66,6 @@ Post::Post(PavoAVCtrlContext* ctx) : ctx_(ctx) {
 
 Post::~Post() {
   if (!ready_) return;
-  bool last;
   {
     MutexLock lock(&ctx_->cb_mutex);
     for (PostInFlight** p = &ctx_->posts; *p != nullptr; p = &(*p)->next) {
@@ -75,10 +74,9 @@ Post::~Post() {
         break;
       }
     }
-    last = drop_reference(ctx_);
     pthread_cond_broadcast(&ctx_->post_returned);
   }
-  if (last) finish_object(ctx_);
+  drop_reference(ctx_);
 }
 
 void Post::call(PavoAVCtrlEvent event, const PavoAVCtrlEventInfo& info) const {
