@@ -1,5 +1,5 @@
-// Library start, objects and the handle lookup, destruction while events
-// are translated, and the settings.
+// Library start, objects and the handle lookup, an object's lifetime
+// against its callback and the event thread, and the settings.
 #include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -7,8 +7,8 @@
 #include <atomic>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <iterator>
+#include <mutex>
 #include <thread>
 
 #include "av_control_adaptor/components.h"
