@@ -28,10 +28,10 @@
  *
  * The plug-in's callback (PavoAVCtrlCallback) runs on the event thread, and
  * for the posts of Pavo_AVCtrl_Play, Pause, Load, Seek and SetPlayState on
- * the thread that calls them. No lock of the library is held while it runs:
- * it may call this interface, its own object included (unregister itself,
- * send requests, destroy the object). An exception thrown by the callback is
- * swallowed.
+ * the thread that calls them. Neither of the object's locks is held while it
+ * runs: it may call this interface, its own object included (unregister
+ * itself, send requests, destroy the object). Posts on different threads may
+ * run at the same time. An exception thrown by the callback is swallowed.
  *
  * Symbols carry their argument types (C++ linkage).
  */
