@@ -12,9 +12,9 @@
 #include <utility>
 #include <vector>
 
+#include "av_control_adaptor/event_translation.h"
 #include "av_control_adaptor/handle_lookup.h"
 #include "av_control_adaptor/object.h"
-#include "av_control_adaptor/event_translation.h"
 #include "hbbtv_plugin_impl_standin.h"
 #include "pavo_avctrl.h"
 #include "pavo_media_log_standin.h"
