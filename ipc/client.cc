@@ -99,6 +99,16 @@ bool ensure_buffers(pavo_ipc_client* client, bool with_text) {
   return true;
 }
 
+// Takes off a newly opened reply queue what is queued there for the handle's
+// type: nothing sent before the handle's first request on it can answer it
+// (a late reply or a deadline frame of a process that ended during a wait).
+// REQUIRES: client->lock held, buffers made.
+void clear_fresh_reply_queue(pavo_ipc_client* client) {
+  if (!client->reply_queue_fresh) return;
+  drain_frames(client->reply_queue_id, client->msg_type, client->chunk_size, client->frame.get());
+  client->reply_queue_fresh = false;
+}
+
 // Sends on the request queue; a queue found removed is opened again and the
 // message sent once more. Returns kOk, kBadArgument (no queue to open) or
 // kFailed. REQUIRES: client->lock held, queues open, buffers made.
@@ -111,6 +121,7 @@ int send_reopening(pavo_ipc_client* client, const pavo_ipc_msg* message, int kin
     forget_queues(client);
     if (attempt > 0) return kFailed;
     if (!open_queues(client)) return kBadArgument;
+    if (kind == IPC_MSG_SYNC_REQUEST) clear_fresh_reply_queue(client);
   }
 }
 
@@ -197,21 +208,12 @@ int exchange(pavo_ipc_client* client, const pavo_ipc_msg* request, Reply* reply)
   const auto timeout = reply_timeout();
   const bool bounded = timeout.count() > 0;
   const Clock::time_point deadline = bounded ? Clock::now() + timeout : Clock::time_point::max();
-  if (client->reply_queue_fresh) {
-    // Nothing queued before this handle's first request can answer it.
-    drain_frames(client->reply_queue_id, client->msg_type, client->chunk_size, client->frame.get());
-    client->reply_queue_fresh = false;
-  }
+  clear_fresh_reply_queue(client);
   reply->waited = true;
   if (!settle_owed(client, bounded, deadline)) return kFailed;
   reply->waited = false;
   const int sent = send_reopening(client, request, IPC_MSG_SYNC_REQUEST);
   if (sent != kOk) return sent;
-  if (client->reply_queue_fresh) {
-    // Reopened after a removal: the new queue holds nothing for us yet.
-    drain_frames(client->reply_queue_id, client->msg_type, client->chunk_size, client->frame.get());
-    client->reply_queue_fresh = false;
-  }
   reply->waited = true;
 
   ReceiveOutcome got;
