@@ -109,6 +109,7 @@ const Row kRows[] = {
      [](Call& c) {
        std::string url;
        if (!c.request.get_string("url", &url)) return kRefused;
+       c.state.current_source = kSourceBroadband;  // the display shows the player from now on
        return c.player->load(url, c.now, &c.out);
      }},
     {kPlay, true, [](Call& c) { return c.player->play(c.now, &c.out); }},

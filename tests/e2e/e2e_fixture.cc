@@ -1,0 +1,109 @@
+#include "e2e_fixture.h"
+
+#include <cmath>
+#include <cstdio>
+#include <sstream>
+
+#include "support/emulation.h"
+#include "support/test_queues.h"
+
+namespace pavo::e2e {
+namespace {
+
+// Every queue of the protocol, removed before and after each test.
+const key_t kKeys[] = {static_cast<key_t>(0x95000100), static_cast<key_t>(0x95000101),
+                       static_cast<key_t>(0x95000080), static_cast<key_t>(0x95000070),
+                       static_cast<key_t>(0x95000090), static_cast<key_t>(0x95000091)};
+
+void remove_protocol_queues() {
+  for (key_t key : kKeys) pavo::test::remove_queue(key);
+}
+
+void record(PavoAVCtrlEvent event, const PavoAVCtrlEventInfo* info, const void* user_data) {
+  auto* log = static_cast<PostLog*>(const_cast<void*>(user_data));
+  log->add({event, info->value.intValue, info->value.doubleValue, std::this_thread::get_id()});
+}
+
+}  // namespace
+
+std::chrono::milliseconds wait_limit() {
+  return pavo::test::under_emulator() ? std::chrono::seconds(60) : std::chrono::seconds(15);
+}
+
+std::string describe(const Post& post) {
+  std::ostringstream text;
+  text << "event " << post.event << " (int " << post.int_value << ", double " << post.double_value << ")";
+  return text.str();
+}
+
+void PostLog::add(const Post& post) {
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    posts_.push_back(post);
+  }
+  changed_.notify_all();
+}
+
+bool PostLog::wait(const std::function<bool(const std::vector<Post>&)>& done) {
+  std::unique_lock<std::mutex> lock(mu_);
+  return changed_.wait_for(lock, wait_limit(), [&] { return done(posts_); });
+}
+
+int PostLog::wait_for(int event, const std::function<bool(const Post&)>& match, std::size_t from) {
+  int found = -1;
+  wait([&](const std::vector<Post>& posts) {
+    for (std::size_t i = from; i < posts.size(); ++i) {
+      if (posts[i].event == event && match(posts[i])) {
+        found = static_cast<int>(i);
+        return true;
+      }
+    }
+    return false;
+  });
+  return found;
+}
+
+std::vector<Post> PostLog::posts() {
+  std::lock_guard<std::mutex> lock(mu_);
+  return posts_;
+}
+
+std::string PostLog::dump() {
+  std::string text;
+  for (const Post& p : posts()) text += "  " + describe(p) + "\n";
+  return text;
+}
+
+std::function<bool(const Post&)> int_is(int value) {
+  return [value](const Post& p) { return p.int_value == value; };
+}
+std::function<bool(const Post&)> double_near(double value, double tolerance) {
+  return [value, tolerance](const Post& p) { return std::fabs(p.double_value - value) <= tolerance; };
+}
+std::function<bool(const Post&)> any_value() {
+  return [](const Post&) { return true; };
+}
+
+void EndToEnd::SetUp() {
+  remove_protocol_queues();
+  ASSERT_TRUE(service_.start(kTimeScale, wait_limit())) << "the service did not start:\n" << service_.output();
+  ASSERT_EQ(Pavo_AVCtrl_Initialize(), 0);
+  ASSERT_EQ(Pavo_AVCtrl_Create(nullptr, &av_), 0);
+  ASSERT_EQ(Pavo_AVCtrl_RegisterCallback(av_, record, &log_), 0);
+}
+
+void EndToEnd::TearDown() {
+  if (av_ != nullptr) Pavo_AVCtrl_Destroy(av_);
+  Pavo_AVCtrl_Finalize();
+  EXPECT_EQ(service_.stop(), 0) << "the service did not stop cleanly";
+  EXPECT_NE(service_.output().find("pavo-media-service: stopped"), std::string::npos);
+  remove_protocol_queues();
+}
+
+void EndToEnd::play_until_playing(const char* url) {
+  ASSERT_EQ(Pavo_AVCtrl_Load(av_, url), 0);
+  ASSERT_EQ(Pavo_AVCtrl_Play(av_, 1.0), 0);
+  ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_PLAYING), 0) << log_.dump();
+}
+
+}  // namespace pavo::e2e

@@ -1,0 +1,80 @@
+// Fixture of the end-to-end tests: pavo-media-service as a real child
+// process (its clock 20 times faster), the library in this process with one
+// A/V control object, and a record of what the plug-in's callback received.
+// Waits have deadlines; nothing sleeps to synchronise.
+#ifndef PAVO_TESTS_E2E_E2E_FIXTURE_H
+#define PAVO_TESTS_E2E_E2E_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "pavo_avctrl.h"
+#include "service_process.h"
+
+namespace pavo::e2e {
+
+constexpr double kTimeScale = 20.0;
+
+// Generous limits: the sanitizer legs and qemu run everything much slower.
+std::chrono::milliseconds wait_limit();
+
+// One post to the plug-in's callback.
+struct Post {
+  int event;
+  int int_value;
+  double double_value;
+  std::thread::id thread;
+};
+std::string describe(const Post& post);
+
+// Thread-safe record of posts, filled on the library's threads.
+class PostLog {
+ public:
+  void add(const Post& post);
+  // Waits until `done` holds for the posts so far (checked under the lock;
+  // `done` must not call the library). False at the deadline.
+  bool wait(const std::function<bool(const std::vector<Post>&)>& done);
+  // Waits for a post of `event` (whose value `match` accepts) at or after
+  // position `from` in the record; returns its position, or -1.
+  int wait_for(int event, const std::function<bool(const Post&)>& match, std::size_t from = 0);
+  std::vector<Post> posts();
+  std::string dump();
+
+ private:
+  std::mutex mu_;
+  std::condition_variable changed_;
+  std::vector<Post> posts_;
+};
+
+// Matchers for wait_for.
+std::function<bool(const Post&)> int_is(int value);
+std::function<bool(const Post&)> double_near(double value, double tolerance = 1e-6);
+std::function<bool(const Post&)> any_value();
+
+class EndToEnd : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // Loads `url`, plays at 1.0 and waits until the plug-in was told "playing".
+  void play_until_playing(const char* url);
+  // Index in the record of the first play-state post with `state` from `from` on.
+  int wait_state(int state, std::size_t from = 0) {
+    return log_.wait_for(PAVO_AVCTRL_EVENT_PLAYSTATECHANGE, int_is(state), from);
+  }
+
+  ServiceProcess service_;
+  PostLog log_;
+  void* av_ = nullptr;
+};
+
+}  // namespace pavo::e2e
+
+#endif  // PAVO_TESTS_E2E_E2E_FIXTURE_H

@@ -1,0 +1,210 @@
+// End to end: the plug-in's calls in this process, the library, the
+// transport, and pavo-media-service as a child process answering and
+// reporting like a real player.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "e2e_fixture.h"
+#include "support/test_queues.h"
+
+namespace pavo::e2e {
+namespace {
+
+using ::testing::ElementsAre;
+
+constexpr int kState = PAVO_AVCTRL_EVENT_PLAYSTATECHANGE;
+constexpr int kSpeed = PAVO_AVCTRL_EVENT_SPEEDCHANGE;
+constexpr int kPosition = PAVO_AVCTRL_EVENT_POSITIONCHANGE;
+constexpr int kComponent = PAVO_AVCTRL_EVENT_COMPONENTCHANGE;
+
+double position_ms(void* av) {
+  double ms = -1;
+  EXPECT_EQ(Pavo_AVCtrl_GetPosition(av, &ms), 0);
+  return ms;
+}
+
+// The walkthroughs of a request (play at 1.0) and of an event (the player
+// starts playing) from end to end: the unchanged speed is posted on the
+// caller's thread during the call; the service's reports reach the plug-in
+// on the library's event thread as connecting, buffering, the held-back
+// speed and playing, in this order.
+TEST_F(EndToEnd, LoadAndPlayReachPlayingThroughTheServicesReports) {
+  ASSERT_EQ(Pavo_AVCtrl_Load(av_, "http://media.test/vod.mp4"), 0);
+  ASSERT_EQ(Pavo_AVCtrl_Play(av_, 1.0), 0);
+  const std::vector<Post> at_return = log_.posts();
+  ASSERT_GE(at_return.size(), 2u);
+  EXPECT_EQ(at_return[1].event, kSpeed);
+  EXPECT_EQ(at_return[1].double_value, 1.0);
+  EXPECT_EQ(at_return[1].thread, std::this_thread::get_id());
+
+  ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_PLAYING), 0) << log_.dump();
+  std::vector<std::pair<int, double>> seen;
+  const std::vector<Post> posts = log_.posts();
+  for (std::size_t i = 0; i < posts.size(); ++i) {
+    const Post& p = posts[i];
+    seen.emplace_back(p.event, p.event == kSpeed ? p.double_value : p.int_value);
+    if (i >= 2) {
+      EXPECT_NE(p.thread, std::this_thread::get_id()) << "the service's reports come on the event thread";
+    }
+  }
+  EXPECT_THAT(seen, ElementsAre(std::make_pair(kState, 3.0), std::make_pair(kSpeed, 1.0),
+                                std::make_pair(kState, 4.0), std::make_pair(kSpeed, 1.0),
+                                std::make_pair(kState, 1.0)))
+      << log_.dump();
+  PavoAVCtrlPlayState state = PAVO_AVCTRL_PLAYSTATE_STOPPED;
+  EXPECT_EQ(Pavo_AVCtrl_GetPlayState(av_, &state), 0);
+  EXPECT_EQ(state, PAVO_AVCTRL_PLAYSTATE_PLAYING);
+  double duration = 0;
+  EXPECT_EQ(Pavo_AVCtrl_GetPlayTime(av_, &duration), 0);
+  EXPECT_EQ(duration, 60000.0);
+  // The media clock runs: the position grows.
+  const double first = position_ms(av_);
+  EXPECT_TRUE(pavo::test::wait_until([&] { return position_ms(av_) > first; }, wait_limit()));
+}
+
+TEST_F(EndToEnd, ShortItemPlaysToFinishedAndStopsAtItsEnd) {
+  play_until_playing("http://media.test/short.mp4?session=1");
+  ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_FINISHED), 0) << log_.dump();
+  EXPECT_EQ(position_ms(av_), 3000.0);
+  // Playing again starts a new pass from the beginning.
+  const std::size_t mark = log_.posts().size();
+  ASSERT_EQ(Pavo_AVCtrl_Play(av_, 1.0), 0);
+  EXPECT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_PLAYING, mark), 0) << log_.dump();
+  EXPECT_LT(position_ms(av_), 3000.0);
+}
+
+// Rewinding that reaches the start: the library turns it back into
+// playback at normal speed (pause, rate 1000, play); the page sees the
+// speeds, never "finished".
+TEST_F(EndToEnd, RewindToTheStartResumesAtNormalSpeed) {
+  play_until_playing("http://media.test/vod.mp4");
+  ASSERT_EQ(Pavo_AVCtrl_Seek(av_, 4000), 0);
+  ASSERT_GE(log_.wait_for(kPosition, double_near(4000)), 0) << log_.dump();
+  const std::size_t mark = log_.posts().size();
+  ASSERT_EQ(Pavo_AVCtrl_Play(av_, -8.0), 0);
+  const int rewinding = log_.wait_for(kSpeed, double_near(-8.0), mark);
+  ASSERT_GE(rewinding, 0) << log_.dump();
+  ASSERT_GE(log_.wait_for(kSpeed, double_near(1.0), static_cast<std::size_t>(rewinding)), 0) << log_.dump();
+  for (const Post& p : log_.posts()) {
+    EXPECT_FALSE(p.event == kState && p.int_value == PAVO_AVCTRL_PLAYSTATE_FINISHED) << log_.dump();
+  }
+  double speed = 0;
+  EXPECT_EQ(Pavo_AVCtrl_GetCurrentSpeed(av_, &speed), 0);
+  EXPECT_EQ(speed, 1.0);
+  PavoAVCtrlPlayState state = PAVO_AVCTRL_PLAYSTATE_STOPPED;
+  EXPECT_EQ(Pavo_AVCtrl_GetPlayState(av_, &state), 0);
+  EXPECT_EQ(state, PAVO_AVCTRL_PLAYSTATE_PLAYING);
+  EXPECT_LT(position_ms(av_), 4000.0);
+}
+
+// Three seeks before the first completes: the first is sent, the third
+// waits for the service's real completion, the second is dropped.
+TEST_F(EndToEnd, QueuedSeeksFollowTheServicesCompletion) {
+  play_until_playing("http://media.test/vod.mp4");
+  const std::size_t mark = log_.posts().size();
+  ASSERT_EQ(Pavo_AVCtrl_Seek(av_, 10000), 0);
+  ASSERT_EQ(Pavo_AVCtrl_Seek(av_, 20000), 0);
+  ASSERT_EQ(Pavo_AVCtrl_Seek(av_, 30000), 0);
+  const int first = log_.wait_for(kPosition, any_value(), mark);
+  ASSERT_GE(first, 0) << log_.dump();
+  const int second = log_.wait_for(kPosition, any_value(), static_cast<std::size_t>(first) + 1);
+  ASSERT_GE(second, 0) << log_.dump();
+  const std::vector<Post> posts = log_.posts();
+  EXPECT_EQ(posts[static_cast<std::size_t>(first)].double_value, 10000.0);
+  EXPECT_EQ(posts[static_cast<std::size_t>(second)].double_value, 30000.0);
+  ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_PLAYING, static_cast<std::size_t>(second)), 0) << log_.dump();
+  EXPECT_GE(position_ms(av_), 30000.0);
+  for (const Post& p : log_.posts()) EXPECT_FALSE(p.event == kPosition && p.double_value == 20000.0);
+}
+
+// Pause before play: the object is paused at once without the service;
+// the service's connecting and buffering reports after the load are held
+// off, and its "playing" once the media is there is applied.
+TEST_F(EndToEnd, PauseBeforePlayHoldsOffConnectingAndBuffering) {
+  ASSERT_EQ(Pavo_AVCtrl_Pause(av_), 0);
+  ASSERT_EQ(Pavo_AVCtrl_Load(av_, "http://media.test/vod.mp4"), 0);
+  ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_PLAYING), 0) << log_.dump();
+  std::vector<int> states;
+  for (const Post& p : log_.posts()) {
+    if (p.event == kState) states.push_back(p.int_value);
+  }
+  EXPECT_THAT(states, ElementsAre(PAVO_AVCTRL_PLAYSTATE_PAUSED, PAVO_AVCTRL_PLAYSTATE_PLAYING)) << log_.dump();
+}
+
+TEST_F(EndToEnd, SelectingTracksPostsComponentChangesAndMovesTheActiveTrack) {
+  play_until_playing("http://media.test/vod.mp4");
+  unsigned audio = 0;
+  ASSERT_EQ(Pavo_AVCtrl_GetAVComponentNum(av_, PAVO_AV_COMPONENT_TYPE_AUDIO, &audio), 0);
+  ASSERT_EQ(audio, 2u);
+  PavoAVCtrlTrackInfo track{};
+  ASSERT_EQ(Pavo_AVCtrl_GetAVComponentByIndex(av_, PAVO_AV_COMPONENT_TYPE_AUDIO, 1, &track), 0);
+  EXPECT_EQ(track.index, 1);
+  EXPECT_EQ(track.audio.language, "de");
+  EXPECT_EQ(track.audio.audioChannels, 6);
+  EXPECT_FALSE(track.activated);
+
+  struct Switch {
+    PavoAVComponentType type;
+    int index;
+    bool select;
+    int active_after;
+  };
+  const Switch switches[] = {
+      {PAVO_AV_COMPONENT_TYPE_AUDIO, 1, true, 1},
+      {PAVO_AV_COMPONENT_TYPE_SUBTITLE, 1, true, 1},
+      {PAVO_AV_COMPONENT_TYPE_SUBTITLE, 1, false, 0},  // none active reads as 0
+      {PAVO_AV_COMPONENT_TYPE_AUDIO, 0, true, 0},
+  };
+  for (const Switch& s : switches) {
+    SCOPED_TRACE(::testing::Message() << "type " << s.type << " index " << s.index << " select " << s.select);
+    const std::size_t mark = log_.posts().size();
+    ASSERT_EQ(s.select ? Pavo_AVCtrl_SelectComponent(av_, s.type, s.index)
+                       : Pavo_AVCtrl_UnselectComponent(av_, s.type, s.index),
+              0);
+    ASSERT_GE(log_.wait_for(kComponent, int_is(s.type), mark), 0) << log_.dump();
+    int active = -1;
+    EXPECT_EQ(Pavo_AVCtrl_GetCurrentActiveComponent(av_, s.type, &active), 0);
+    EXPECT_EQ(active, s.active_after);
+  }
+  PavoAVCtrlTrackInfo subtitle{};
+  ASSERT_EQ(Pavo_AVCtrl_GetAVComponentByIndex(av_, PAVO_AV_COMPONENT_TYPE_SUBTITLE, 1, &subtitle), 0);
+  EXPECT_EQ(subtitle.subtitle.language, "fra");
+  EXPECT_TRUE(subtitle.subtitle.hearingImpaired);
+  EXPECT_FALSE(subtitle.activated);
+}
+
+// Items that fail while connecting: the error code the page reads and the
+// events it gets.
+TEST_F(EndToEnd, FailingItemsEndInTheErrorStateWithTheirCode) {
+  struct Case {
+    const char* url;
+    int error;  // PavoAVCtrlPlayStateError read afterwards
+    bool drm_event;
+  };
+  const Case cases[] = {
+      {"http://media.test/error-network.mp4", PAVO_AVCTRL_ERROR_CONNECTION, false},
+      {"http://media.test/error-format.mp4", PAVO_AVCTRL_ERROR_FORMAT, false},
+      {"http://media.test/error-decoder.mp4", PAVO_AVCTRL_ERROR_CORRUPT, false},
+      {"http://media.test/no-such-item.mp4", PAVO_AVCTRL_ERROR_CONNECTION, false},
+      {"http://media.test/error-encrypted.mp4", -1, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.url);
+    const std::size_t mark = log_.posts().size();
+    ASSERT_EQ(Pavo_AVCtrl_Load(av_, c.url), 0);
+    ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_ERROR, mark), 0) << log_.dump();
+    PavoAVCtrlPlayStateError error = PAVO_AVCTRL_ERROR_NONE;
+    if (c.error >= 0) {
+      EXPECT_EQ(Pavo_AVCtrl_GetError(av_, &error), 0);
+      EXPECT_EQ(error, c.error);
+    }
+    if (c.drm_event) {
+      EXPECT_GE(log_.wait_for(PAVO_AVCTRL_EVENT_DRMERROR, int_is(2001), mark), 0) << log_.dump();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace pavo::e2e

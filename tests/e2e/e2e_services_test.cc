@@ -1,0 +1,261 @@
+// End to end beside playback: DRM agents, media synchronisation, the
+// service's display-source request, the platform subtitle notice, and the
+// service's handling of bad input and stale frames.
+#include <gtest/gtest.h>
+#include <sys/msg.h>
+
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "e2e_fixture.h"
+#include "hbbtv_plugin_impl_standin.h"
+#include "ipc/frame.h"
+#include "pavo_drm_agent.h"
+#include "pavo_ipc.h"
+#include "pavo_mediaplayer_ipc.h"
+
+namespace pavo::e2e {
+namespace {
+
+// What reached a DRM or media-sync callback, with copies of its texts.
+struct Delivery {
+  int event;
+  const void* user_data;
+  std::vector<std::string> texts;
+  int number;
+  double value;
+  bool flag;
+};
+
+class Deliveries {
+ public:
+  void add(Delivery d) {
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      all_.push_back(std::move(d));
+    }
+    changed_.notify_all();
+  }
+  // Waits for the `count`-th delivery of `event` (1-based); a copy of it, or
+  // an event of -1 at the deadline.
+  Delivery wait(int event, int count = 1) {
+    std::unique_lock<std::mutex> lock(mu_);
+    Delivery found{-1, nullptr, {}, 0, 0, false};
+    changed_.wait_for(lock, wait_limit(), [&] {
+      int seen = 0;
+      for (const Delivery& d : all_) {
+        if (d.event == event && ++seen == count) {
+          found = d;
+          return true;
+        }
+      }
+      return false;
+    });
+    return found;
+  }
+
+ private:
+  std::mutex mu_;
+  std::condition_variable changed_;
+  std::vector<Delivery> all_;
+};
+
+Deliveries g_drm, g_sync;
+
+const char* text(const char* s) { return s == nullptr ? "(null)" : s; }
+
+void on_drm(PavoDrmEvent event, const PavoDrmEventInfo* info, const void* user_data) {
+  Delivery d{event, user_data, {}, 0, 0, false};
+  if (event == PAVO_DRM_EVENT_MESSAGE_RESULT) {
+    d.texts = {text(info->messageResult.msgId), text(info->messageResult.resultMsg)};
+    d.number = info->messageResult.resultCode;
+  } else if (event == PAVO_DRM_EVENT_SYSTEM_STATUS_CHANGE) {
+    d.texts = {text(info->statusChange.sysId)};
+  }
+  g_drm.add(d);
+}
+
+void on_sync(PavoMediaSyncMsgType type, const PavoMSEventInfo* info, const void* user_data) {
+  Delivery d{type, user_data, {}, 0, 0, false};
+  if (type == PAVO_MEDIA_SYNC_MSG_TIMELINE_AVAILABLE) d.flag = info->available.timelineAvailable;
+  if (type == PAVO_MEDIA_SYNC_MSG_SPEED_CHANGE) d.value = info->speedChange.speed;
+  if (type == PAVO_MEDIA_SYNC_MSG_INFO_CHANGE) {
+    const auto& c = info->infoChange;
+    d.flag = c.bTimelineOptionsChange;
+    if (c.bTimelineOptionsChange) d.texts.push_back(text(c.timelineSelector));
+    if (c.bContentIdChange) {
+      d.texts.push_back(text(c.contentId));
+      d.number = c.contentIdStatus;
+    }
+    if (c.bMrsUrlChange) d.texts.push_back(text(c.mrsUrl));
+  }
+  g_sync.add(d);
+}
+
+TEST_F(EndToEnd, DrmEventsReachTheCallbackWithEachAgentsContext) {
+  void* agents[2] = {nullptr, nullptr};
+  int contexts[2] = {0, 0};
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(Pavo_DrmAgent_Create(&agents[i]), 0);
+    ASSERT_NE(agents[i], nullptr);
+    ASSERT_EQ(Pavo_DrmAgent_RegisterCallback(agents[i], on_drm, &contexts[i]), 0);
+  }
+  ASSERT_NE(agents[0], agents[1]);
+  char id[8];
+  ASSERT_EQ(Pavo_DrmAgent_sendDRMMessage(agents[0], "application/vnd.test", "<m/>", "19188", id, sizeof id), 0);
+  EXPECT_STREQ(id, "1");
+  Delivery known = g_drm.wait(PAVO_DRM_EVENT_MESSAGE_RESULT, 1);
+  ASSERT_EQ(known.event, PAVO_DRM_EVENT_MESSAGE_RESULT);
+  EXPECT_EQ(known.user_data, &contexts[0]);
+  EXPECT_EQ(known.texts[0], "1");
+  EXPECT_EQ(known.number, 0);
+
+  ASSERT_EQ(Pavo_DrmAgent_sendDRMMessage(agents[1], "application/vnd.test", "<m/>", "4242", id, sizeof id), 0);
+  Delivery unknown = g_drm.wait(PAVO_DRM_EVENT_MESSAGE_RESULT, 2);
+  ASSERT_EQ(unknown.event, PAVO_DRM_EVENT_MESSAGE_RESULT);
+  EXPECT_EQ(unknown.user_data, &contexts[1]);
+  EXPECT_EQ(unknown.number, 5);  // unknown DRM system
+
+  int status = -1;
+  EXPECT_EQ(Pavo_DrmAgent_DRMSystemStatus(agents[0], "urn:dvb:casystemid:19188", &status), 0);
+  EXPECT_EQ(status, 0);
+  bool play = false, record = true;
+  EXPECT_EQ(Pavo_DrmAgent_canPlayContent(agents[0], "<private/>", "19188", &play), 0);
+  EXPECT_EQ(Pavo_DrmAgent_canRecordContent(agents[0], "<private/>", "19188", &record), 0);
+  EXPECT_TRUE(play);
+  EXPECT_FALSE(record);
+
+  ASSERT_EQ(Pavo_DrmAgent_clearLicense(agents[1]), 0);
+  Delivery cleared = g_drm.wait(PAVO_DRM_EVENT_SYSTEM_STATUS_CHANGE);
+  EXPECT_EQ(cleared.user_data, &contexts[1]);
+  ASSERT_EQ(cleared.texts.size(), 1u);
+  EXPECT_EQ(cleared.texts[0], "19188");
+
+  for (void* agent : agents) {
+    EXPECT_EQ(Pavo_DrmAgent_UnregisterCallback(agent), 0);
+    EXPECT_EQ(Pavo_DrmAgent_Destroy(agent), 0);
+    EXPECT_EQ(Pavo_DrmAgent_Destroy(agent), -1);  // the service no longer knows it
+  }
+}
+
+// The A/V control layer keeps media synchronisation to itself; the
+// client's commands reach the service's synchroniser directly.
+TEST_F(EndToEnd, MediaSyncAnnouncesContentTimelineAndSpeed) {
+  unsigned player = 0;
+  ASSERT_EQ(Pavo_MediaPlayer_IPC_Create(&player), 0);
+  int context = 0;
+  ASSERT_EQ(Pavo_MediaPlayer_IPC_RegisterMediaSyncCallback(player, on_sync, &context), 0);
+  ASSERT_EQ(Pavo_MediaPlayer_IPC_Load(player, "http://media.test/vod.mp4"), 0);
+  ASSERT_EQ(Pavo_MediaPlayer_IPC_SetTimelineSelector(player, "urn:dvb:css:timeline:pts"), 0);
+  ASSERT_EQ(Pavo_MediaPlayer_IPC_StartMediaSync(player), 0);
+
+  Delivery info = g_sync.wait(PAVO_MEDIA_SYNC_MSG_INFO_CHANGE);
+  ASSERT_EQ(info.event, PAVO_MEDIA_SYNC_MSG_INFO_CHANGE);
+  EXPECT_EQ(info.user_data, &context);
+  EXPECT_EQ(info.texts, (std::vector<std::string>{"dvb://233a.1004.1044;363a", "http://mrs.media.test/vod"}));
+  EXPECT_EQ(info.number, 1);
+  EXPECT_TRUE(g_sync.wait(PAVO_MEDIA_SYNC_MSG_TIMELINE_AVAILABLE).flag);
+
+  ASSERT_EQ(Pavo_MediaPlayer_IPC_SetPlayRate(player, 2000.0), 0);
+  EXPECT_EQ(g_sync.wait(PAVO_MEDIA_SYNC_MSG_SPEED_CHANGE).value, 2.0);
+
+  char content[64] = {};
+  unsigned len = sizeof content;
+  PavoContentIdStatus status{};
+  ASSERT_EQ(Pavo_MediaPlayer_IPC_GetContentId(player, content, &len, &status), 0);
+  EXPECT_STREQ(content, "dvb://233a.1004.1044;363a");
+  EXPECT_EQ(static_cast<int>(status), 1);
+  PavoTimeline timeline{};
+  ASSERT_EQ(Pavo_MediaPlayer_IPC_GetCurrentTimeline(player, &timeline), 0);
+  EXPECT_EQ(timeline.unitsPerSecond, 90000u);
+
+  ASSERT_EQ(Pavo_MediaPlayer_IPC_StopMediaSync(player), 0);
+  EXPECT_FALSE(g_sync.wait(PAVO_MEDIA_SYNC_MSG_TIMELINE_AVAILABLE, 2).flag);
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_UnregisterMediaSyncCallback(player), 0);
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_Destory(player), 0);
+}
+
+// Switching to the broadcast: the service asks the library, which answers
+// with the plug-in library's result; broadband playback stops.
+TEST_F(EndToEnd, DisplaySourceRequestIsAnsweredThroughThePlugInLibrary) {
+  play_until_playing("http://media.test/vod.mp4");
+  pavo::standin::hbbtv_reset();
+  pavo::standin::hbbtv_set_display_source_result(7);
+  const std::size_t mark = log_.posts().size();
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_ChangeDisPlaySourceToDTV(), 7);
+  EXPECT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_STOPPED, mark), 0) << log_.dump();
+  std::vector<int> sources;
+  for (const auto& call : pavo::standin::hbbtv_calls()) {
+    if (call.function == "Pavo_Hbbtv_PAC_VB_ChangeDisplaySource") sources.push_back(call.value);
+  }
+  EXPECT_EQ(sources, std::vector<int>{0});
+  int source = -1;
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_GetCurrentSource(source), 0);
+  EXPECT_EQ(source, 1);  // refused by the platform: still broadband
+  pavo::standin::hbbtv_set_display_source_result(0);
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_ChangeDisPlaySourceToDTV(), 0);
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_GetCurrentSource(source), 0);
+  EXPECT_EQ(source, 0);
+}
+
+TEST_F(EndToEnd, PlatformSubtitleNoticeHidesAndShowsTheSelectedSubtitles) {
+  play_until_playing("http://media.test/vod.mp4");
+  ASSERT_EQ(Pavo_AVCtrl_SelectComponent(av_, PAVO_AV_COMPONENT_TYPE_SUBTITLE, 0), 0);
+  for (bool shown : {false, true}) {
+    SCOPED_TRACE(shown);
+    const std::size_t mark = log_.posts().size();
+    ASSERT_EQ(Pavo_Platform_SubtitleEnable(shown), 0);
+    ASSERT_GE(log_.wait_for(PAVO_AVCTRL_EVENT_COMPONENTCHANGE, int_is(PAVO_AV_COMPONENT_TYPE_SUBTITLE), mark), 0)
+        << log_.dump();
+    PavoAVCtrlTrackInfo track{};
+    ASSERT_EQ(Pavo_AVCtrl_GetAVComponentByIndex(av_, PAVO_AV_COMPONENT_TYPE_SUBTITLE, 0, &track), 0);
+    EXPECT_EQ(track.activated, shown);
+  }
+}
+
+// Bad requests get an answer with "ret" -1 and the service goes on.
+TEST_F(EndToEnd, MalformedRequestsAreAnsweredAndTheServiceGoesOn) {
+  pavo_ipc_client* client = nullptr;
+  ASSERT_EQ(pavo_ipc_client_create(0x95000100, 1, 1, 1024, &client), 0);
+  const char* requests[] = {
+      "not json", "[1,2]", "{\"player_id\":1}", "{\"event_type\":\"3\"}", "{\"event_type\":77}",
+      "{\"event_type\":6,\"player_id\":1,\"pos\":\"x\"}", "{\"event_type\":3,\"player_id\":99}",
+  };
+  for (const char* request : requests) {
+    SCOPED_TRACE(request);
+    std::string copy = request;
+    pavo_ipc_msg message{static_cast<uint32_t>(copy.size()), copy.data()};
+    pavo_ipc_msg reply{0, nullptr};
+    ASSERT_EQ(pavo_ipc_client_send_sync_with_params(client, &message, &reply), 0);
+    ASSERT_NE(reply.data, nullptr);
+    EXPECT_NE(std::strstr(reply.data, "\"ret\":-1"), nullptr) << reply.data;
+    std::free(reply.data);
+  }
+  pavo_ipc_client_destroy(client);
+  play_until_playing("http://media.test/vod.mp4");
+}
+
+// A reply frame that an earlier run left behind would be taken for the
+// answer to the next request: the service clears its queues at start.
+TEST_F(EndToEnd, StaleFramesFromAnEarlierRunAreRemovedAtStart) {
+  ASSERT_EQ(Pavo_AVCtrl_Destroy(av_), 0);
+  av_ = nullptr;
+  ASSERT_EQ(service_.stop(), 0);
+  const int replies = msgget(0x95000101, 0);
+  ASSERT_GE(replies, 0);
+  std::string stale = "{\"ret\":0,\"player_id\":42,\"duration\":1.0}";
+  pavo_ipc_msg message{static_cast<uint32_t>(stale.size()), stale.data()};
+  ASSERT_EQ(ipc_snd_internal(replies, 1, 1024, &message, pavo::ipc::IPC_MSG_SYNC_REPLY), 0);
+  ASSERT_TRUE(service_.start(kTimeScale, wait_limit()));
+  ASSERT_EQ(Pavo_AVCtrl_Create(nullptr, &av_), 0);
+  ASSERT_EQ(Pavo_AVCtrl_Load(av_, "http://media.test/vod.mp4"), 0);
+  double duration = 0;
+  ASSERT_EQ(Pavo_AVCtrl_GetPlayTime(av_, &duration), 0);
+  EXPECT_EQ(duration, 60000.0);
+}
+
+}  // namespace
+}  // namespace pavo::e2e
