@@ -137,13 +137,7 @@ struct EngineConfig {
 class GstPlayer final : public PlayerEngine {
  public:
   GstPlayer(unsigned id, EngineConfig config) : id_(id), config_(config) {}
-  ~GstPlayer() override {
-    if (pipeline_ != nullptr) {
-      gst_element_set_state(pipeline_, GST_STATE_NULL);
-      gst_object_unref(bus_);
-      gst_object_unref(pipeline_);
-    }
-  }
+  ~GstPlayer() override { close_pipeline(); }
   GstPlayer(const GstPlayer&) = delete;
   GstPlayer& operator=(const GstPlayer&) = delete;
 
@@ -192,6 +186,7 @@ class GstPlayer final : public PlayerEngine {
   };
 
   bool make_pipeline();
+  void close_pipeline();
   void emit(int event, int sub_event, int data1, double data2, Outbox* out) const {
     out->push_back(player_event(id_, event, sub_event, data1, data2));
   }
@@ -214,6 +209,8 @@ class GstPlayer final : public PlayerEngine {
   void on_streams_selected(GstMessage* message, Outbox* out);
   void read_tracks();
   int change_selection(int kind, int index, Outbox* out);
+  bool send_selection();
+  bool selection_differs() const;
 
   unsigned id_;
   EngineConfig config_;
@@ -269,6 +266,16 @@ bool GstPlayer::make_pipeline() {
   return true;
 }
 
+void GstPlayer::close_pipeline() {
+  if (pipeline_ == nullptr) return;
+  collection_.reset();
+  gst_element_set_state(pipeline_, GST_STATE_NULL);
+  gst_object_unref(bus_);
+  gst_object_unref(pipeline_);
+  bus_ = nullptr;
+  pipeline_ = nullptr;
+}
+
 void GstPlayer::set_state(int state, Outbox* out) {
   if (state == state_) return;
   state_ = state;
@@ -321,9 +328,11 @@ bool GstPlayer::prerolled() const {
 }
 
 int GstPlayer::load(const std::string& url, Clock::time_point now, Outbox* out) {
-  if (url.empty() || !make_pipeline()) return -1;
-  gst_element_set_state(pipeline_, GST_STATE_NULL);
-  drop_messages();
+  if (url.empty()) return -1;
+  // A new pipeline for every load: one that ended in an error does not
+  // always take a new URI.
+  close_pipeline();
+  if (!make_pipeline()) return -1;
   std::string uri = url;
   if (!gst_uri_is_valid(url.c_str())) {
     const GCharPtr made(gst_filename_to_uri(url.c_str(), nullptr));
@@ -553,17 +562,24 @@ const Track* GstPlayer::track(int kind, int index) const {
 
 int GstPlayer::change_selection(int kind, int index, Outbox* out) {
   wanted_[kind] = index;
-  const bool live_pipeline = collection_ && pipeline_ != nullptr &&
-                             (state_ == kPlaying || state_ == kPaused || state_ == kBuffering ||
-                              state_ == kSeeking || state_ == kFinished);
-  if (!live_pipeline) {
-    // Nothing to switch yet: the selection applies at the next collection.
+  if (collection_ && (phase_ == Phase::kConnecting || phase_ == Phase::kPrerolling)) {
+    return 0;  // sent once pre-rolled
+  }
+  const bool running = collection_ && (state_ == kPlaying || state_ == kPaused || state_ == kBuffering ||
+                                       state_ == kSeeking || state_ == kFinished);
+  if (!running) {
+    // Nothing to switch: the selection applies to the next stream.
     if (active_[kind] != index) {
       active_[kind] = index;
       emit(kTrackChangeEvent, 0, kind, 0.0, out);
     }
     return 0;
   }
+  // The track change follows when the pipeline reports the selection.
+  return send_selection() ? 0 : -1;
+}
+
+bool GstPlayer::send_selection() {
   GList* ids = nullptr;
   for (int k = kVideoTrack; k <= kSubtitleTrack; ++k) {
     int seen = 0;
@@ -573,10 +589,13 @@ int GstPlayer::change_selection(int kind, int index, Outbox* out) {
       }
     }
   }
-  // The track change follows when the pipeline reports the selection.
   const bool sent = gst_element_send_event(pipeline_, gst_event_new_select_streams(ids));
   g_list_free(ids);
-  return sent ? 0 : -1;
+  return sent;
+}
+
+bool GstPlayer::selection_differs() const {
+  return !std::equal(std::begin(wanted_), std::end(wanted_), std::begin(active_));
 }
 
 int GstPlayer::select_track(int kind, int index, Outbox* out) {
@@ -725,21 +744,13 @@ void GstPlayer::on_collection(GstStreamCollection* collection, Outbox* out) {
   for (int kind = kVideoTrack; kind <= kSubtitleTrack; ++kind) {
     emit(kComponentUpdatedEvent, 0, kind, 0.0, out);
   }
-  // Subtitles only when asked for: the pipeline picks one of each kind.
-  wanted_[kSubtitleTrack] =
-      subtitles_enabled_ && track_count(kSubtitleTrack) > 0 ? std::max(wanted_[kSubtitleTrack], 0) : -1;
-  GList* ids = nullptr;
+  // Subtitles only when asked for; the pipeline picks one of each kind,
+  // and is told otherwise once pre-rolled (a selection sent while it sets
+  // its streams up can hang it).
   for (int k = kVideoTrack; k <= kSubtitleTrack; ++k) {
     if (wanted_[k] >= track_count(k)) wanted_[k] = track_count(k) > 0 ? 0 : -1;
-    int seen = 0;
-    for (std::size_t i = 0; i < tracks_.size(); ++i) {
-      if (tracks_[i].kind == k && seen++ == wanted_[k]) {
-        ids = g_list_append(ids, const_cast<char*>(stream_ids_[i].c_str()));
-      }
-    }
   }
-  gst_element_send_event(pipeline_, gst_event_new_select_streams(ids));
-  g_list_free(ids);
+  if (!subtitles_enabled_) wanted_[kSubtitleTrack] = -1;
 }
 
 void GstPlayer::on_streams_selected(GstMessage* message, Outbox* out) {
@@ -781,6 +792,7 @@ void GstPlayer::run_waiting_seek() {
 
 void GstPlayer::finish_preroll(bool first, Outbox* out) {
   phase_ = Phase::kNone;
+  if (first && collection_ && selection_differs()) send_selection();
   if (buffering_) return;  // playback starts at 100 %
   const bool plays = play_wanted_ && speed_ != 0.0;
   if (!plays) {
