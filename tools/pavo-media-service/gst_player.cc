@@ -226,6 +226,7 @@ class GstPlayer final : public PlayerEngine {
   int wanted_[3] = {0, 0, -1};           // selection asked of the pipeline
   int active_[3] = {0, 0, -1};           // selection the pipeline reported
   bool subtitles_enabled_ = false;
+  bool announce_selection_ = false;      // the page asked: report what the pipeline selects
 
   Phase phase_ = Phase::kNone;
   bool first_preroll_ = false;     // the preroll of a load or of a play after stop
@@ -347,6 +348,7 @@ int GstPlayer::load(const std::string& url, Clock::time_point now, Outbox* out) 
   wanted_[kVideoTrack] = active_[kVideoTrack] = 0;
   wanted_[kAudioTrack] = active_[kAudioTrack] = 0;
   wanted_[kSubtitleTrack] = active_[kSubtitleTrack] = -1;
+  announce_selection_ = false;
   loops_left_ = settings_.loop_count;
   play_wanted_ = true;
   seek_pending_ = seek_reported_ = buffering_ = at_edge_ = false;
@@ -576,6 +578,7 @@ int GstPlayer::change_selection(int kind, int index, Outbox* out) {
     return 0;
   }
   // The track change follows when the pipeline reports the selection.
+  announce_selection_ = true;
   return send_selection() ? 0 : -1;
 }
 
@@ -769,12 +772,15 @@ void GstPlayer::on_streams_selected(GstMessage* message, Outbox* out) {
     }
     if (stream != nullptr) gst_object_unref(stream);
   }
+  // The pipeline's own choice, and the engine's first correction of it,
+  // are taken silently; what the page asked for is reported.
   for (int kind = kVideoTrack; kind <= kSubtitleTrack; ++kind) {
     if (selected[kind] != active_[kind]) {
       active_[kind] = selected[kind];
-      emit(kTrackChangeEvent, 0, kind, 0.0, out);
+      if (announce_selection_) emit(kTrackChangeEvent, 0, kind, 0.0, out);
     }
   }
+  if (!selection_differs()) announce_selection_ = false;
 }
 
 void GstPlayer::run_waiting_seek() {
