@@ -49,7 +49,11 @@ class GStreamerEndToEnd : public EndToEnd {
       GTEST_SKIP() << "no test media at " PAVO_E2E_MEDIA " (made by the gst_test_media test with "
                       "scripts/make_test_media.sh; GStreamer's tools or plug-ins missing?)";
     }
+    started_ = true;
     EndToEnd::SetUp();
+  }
+  void TearDown() override {
+    if (started_) EndToEnd::TearDown();
   }
 
   double position() {
@@ -61,6 +65,8 @@ class GStreamerEndToEnd : public EndToEnd {
     return pavo::test::wait_until([&] { return done(position()); }, wait_limit());
   }
   std::size_t mark() { return log_.posts().size(); }
+
+  bool started_ = false;  // a skipped test has nothing to stop
 };
 
 TEST_F(GStreamerEndToEnd, PlaysTheFileToFinishedWithThePositionOnTheClock) {
