@@ -3,8 +3,10 @@
 # service) and pavo-avctl (a command-line stand-in for the HbbTV plug-in),
 # starts the service and runs the scripted session
 # tools/pavo-avctl/demo.session against it, printing the timeline of what
-# the plug-in receives. Exits with pavo-avctl's status (0: every step
-# succeeded).
+# the plug-in receives. Then, where the service has its GStreamer engine, a
+# second service run plays a generated file (scripts/make_test_media.sh)
+# through tools/pavo-avctl/real-media.session. Exits with pavo-avctl's
+# status (0: every step succeeded).
 #
 # The service's own log (every request, reply and event) goes to
 # build/demo/media-service.log, the A/V control layer's platform log to
@@ -17,10 +19,12 @@ cd "$(dirname "$0")/.."
 build=build/demo
 time_scale=5  # the media clock runs five times faster: the session takes seconds
 
-# Runs the session; inside a private IPC namespace when called with --session.
+# Runs one session against a service started with the given options.
+# Usage: run_session SESSION SERVICE_LOG SERVICE_OPTION...
 run_session() {
-  local service_log=$build/media-service.log
-  "$build/tools/pavo-media-service" --time-scale "$time_scale" --verbose >"$service_log" 2>&1 &
+  local session=$1 service_log=$2
+  shift 2
+  "$build/tools/pavo-media-service" "$@" --verbose >"$service_log" 2>&1 &
   local service=$!
   local waited=0
   until grep -qx 'pavo-media-service: ready' "$service_log"; do
@@ -33,19 +37,34 @@ run_session() {
     sleep 0.1
     waited=$((waited + 1))
   done
-  echo "demo: pavo-media-service ready (time scale $time_scale, process $service)"
+  echo "demo: pavo-media-service ready ($*, process $service)"
   local status=0
   "$build/tools/pavo-avctl" --progress 500 --media-log "$build/media-log.txt" \
-    session tools/pavo-avctl/demo.session || status=$?
+    session "$session" || status=$?
   kill -TERM "$service"
   wait "$service" || echo "demo: pavo-media-service ended with status $?" >&2
   tail -n 1 "$service_log"
   echo "demo: the service's log: $service_log; the A/V control layer's log: $build/media-log.txt"
-  exit "$status"
+  return "$status"
+}
+
+# The model session, then the real-media one (GStreamer engine, generated
+# file) where the build has the engine; inside a private IPC namespace when
+# called with --session.
+run_sessions() {
+  run_session tools/pavo-avctl/demo.session "$build/media-service.log" --time-scale "$time_scale" || exit
+  if ! grep -q '^PAVO_WITH_GSTREAMER_FOUND:INTERNAL=ON' "$build/CMakeCache.txt" 2>/dev/null; then
+    echo "demo: no real-media step: pavo-media-service was built without GStreamer"
+    exit 0
+  fi
+  echo "demo: real media: the GStreamer engine plays $build/media/test.mkv"
+  run_session tools/pavo-avctl/real-media.session "$build/media-service-gstreamer.log" \
+    --engine gstreamer --sinks fake
+  exit
 }
 
 if [[ ${1:-} == --session ]]; then
-  run_session
+  run_sessions
 fi
 if [[ ${1:-} != --no-setup ]]; then
   scripts/setup.sh --no-arm
@@ -56,9 +75,12 @@ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DPAVO_BUILD_TESTS=OFF -DPAVO_
 echo "demo: building pavo-avctl and pavo-media-service (log: build/demo.build.log)"
 cmake --build "$build" -j"$(nproc)" --target pavo-avctl pavo-media-service >build/demo.build.log 2>&1 ||
   { cat build/demo.build.log; exit 1; }
+if grep -q '^PAVO_WITH_GSTREAMER_FOUND:INTERNAL=ON' "$build/CMakeCache.txt"; then
+  scripts/make_test_media.sh "$build/media/test.mkv" 6
+fi
 # The service's queues have fixed keys: a private IPC namespace keeps the demo
 # apart from anything else on the machine (and removes its queues at the end).
 if unshare --ipc true 2>/dev/null; then
   exec unshare --ipc "$0" --session
 fi
-run_session
+run_sessions

@@ -86,7 +86,7 @@ std::function<bool(const Post&)> any_value() {
 
 void EndToEnd::SetUp() {
   remove_protocol_queues();
-  ASSERT_TRUE(service_.start(kTimeScale, wait_limit())) << "the service did not start:\n" << service_.output();
+  ASSERT_TRUE(service_.start(time_scale_, wait_limit(), service_args_)) << "the service did not start:\n" << service_.output();
   ASSERT_EQ(Pavo_AVCtrl_Initialize(), 0);
   ASSERT_EQ(Pavo_AVCtrl_Create(nullptr, &av_), 0);
   ASSERT_EQ(Pavo_AVCtrl_RegisterCallback(av_, record, &log_), 0);

@@ -71,6 +71,8 @@ class EndToEnd : public ::testing::Test {
   }
 
   ServiceProcess service_;
+  double time_scale_ = kTimeScale;         // what SetUp starts the service with
+  std::vector<std::string> service_args_;  // further options for the service
   PostLog log_;
   void* av_ = nullptr;
 };

@@ -94,7 +94,7 @@ const Row kRows[] = {
     {kCreatePlayer, false,
      [](Call& c) {
        const unsigned id = c.state.next_player_id++;
-       c.state.players[id] = std::make_unique<Player>(id, c.state.time_scale);
+       c.state.players[id] = c.state.make_player(id);
        c.reply["player_id"] = id;
        return 0;
      }},

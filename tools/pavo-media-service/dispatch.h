@@ -9,8 +9,10 @@
 #include <climits>
 #include <map>
 #include <memory>
+#include <utility>
 
 #include "pavo-media-service/drm_agents.h"
+#include "pavo-media-service/engine.h"
 #include "pavo-media-service/events.h"
 #include "pavo-media-service/media_sync.h"
 #include "pavo-media-service/player.h"
@@ -21,9 +23,16 @@ namespace pavo::service {
 
 // Everything the handlers work on; guarded by the service's lock.
 struct ServiceState {
-  explicit ServiceState(double time_scale) : time_scale(time_scale) {}
+  // A null `engine` makes model players running at `time_scale`.
+  explicit ServiceState(double time_scale, EngineFactory engine = nullptr)
+      : time_scale(time_scale), make_player(std::move(engine)) {
+    if (!make_player) {
+      make_player = [time_scale](unsigned id) { return std::make_unique<Player>(id, time_scale); };
+    }
+  }
   double time_scale;
-  std::map<unsigned, std::unique_ptr<Player>> players;
+  EngineFactory make_player;
+  std::map<unsigned, std::unique_ptr<PlayerEngine>> players;
   unsigned next_player_id = 1;
   DrmAgents drm;
   MediaSync sync;
@@ -38,7 +47,7 @@ struct Call {
   ServiceState& state;
   Clock::time_point now;
   Outbox& out;
-  Player* player = nullptr;  // for commands that address one
+  PlayerEngine* player = nullptr;  // for commands that address one
   int display_source = -1;   // set: ask the library to switch to it, after the lock
 };
 

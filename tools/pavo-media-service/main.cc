@@ -10,6 +10,7 @@
 
 #include "pavo-media-service/console.h"
 #include "pavo-media-service/endpoints.h"
+#include "pavo-media-service/gst_engine.h"
 #include "pavo-media-service/options.h"
 #include "pavo-media-service/service.h"
 
@@ -53,6 +54,11 @@ int main(int argc, char** argv) {
     return 0;
   }
   pavo::service::set_verbose(options.verbose);
+  pavo::service::EngineFactory engine;  // null: the model
+  if (options.engine == "gstreamer" && !pavo::service::gstreamer_engine(options.sinks, &engine, &error)) {
+    pavo::service::complain("%s", error.c_str());
+    return 2;
+  }
 
   // Every thread inherits the blocked stop signals; main waits for them.
   sigset_t stop_signals;
@@ -66,7 +72,7 @@ int main(int argc, char** argv) {
     pavo::service::complain("%s", error.c_str());
     return 1;
   }
-  Service service(options.time_scale, &endpoints);
+  Service service(options.time_scale, &endpoints, engine);
   service.start();
   if (!endpoints.serve(on_request, on_notice, &service)) {
     pavo::service::complain("cannot serve its queues");

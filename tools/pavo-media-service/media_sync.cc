@@ -11,7 +11,7 @@ uint64_t MediaSync::units_per_second(const std::string& selector) {
   return selector == "urn:dvb:css:timeline:pts" ? 90000 : 1000;
 }
 
-void MediaSync::start(const Player& player, Outbox* out) {
+void MediaSync::start(const PlayerEngine& player, Outbox* out) {
   State& s = state_[player.id()];
   s.started = true;
   if (player.item() != nullptr && player.item()->content_id[0] != '\0') {
@@ -32,7 +32,7 @@ void MediaSync::stop(unsigned player, Outbox* out) {
   s.started = false;
 }
 
-void MediaSync::select_timeline(const Player& player, const std::string& selector, Outbox* out) {
+void MediaSync::select_timeline(const PlayerEngine& player, const std::string& selector, Outbox* out) {
   State& s = state_[player.id()];
   s.selector = selector;
   if (!s.started) return;

@@ -13,7 +13,7 @@
 
 namespace pavo::service {
 
-class Player;
+class PlayerEngine;
 
 // Content-identifier status reported with every content identifier: the
 // identifier is final (this service's numbering: 0 partial, 1 final).
@@ -28,9 +28,9 @@ class MediaSync {
   void set_registered(unsigned player, bool registered) { state_[player].registered = registered; }
   // Starts the synchroniser: content identifier and MRS URL are announced,
   // and the timeline when one is selected.
-  void start(const Player& player, Outbox* out);
+  void start(const PlayerEngine& player, Outbox* out);
   void stop(unsigned player, Outbox* out);
-  void select_timeline(const Player& player, const std::string& selector, Outbox* out);
+  void select_timeline(const PlayerEngine& player, const std::string& selector, Outbox* out);
   void enable_multi_stream(unsigned player, bool enable) { state_[player].multi_stream = enable; }
   // A running synchroniser reports every speed change (factor).
   void speed_changed(unsigned player, double speed, Outbox* out) const;

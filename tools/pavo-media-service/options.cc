@@ -7,12 +7,18 @@
 namespace pavo::service {
 
 const char* usage() {
-  return "Usage: pavo-media-service [--time-scale X] [--verbose] [--help]\n"
+  return "Usage: pavo-media-service [--time-scale X] [--engine model|gstreamer]\n"
+         "                          [--sinks fake|auto] [--verbose] [--help]\n"
          "The media-player service: serves the library's requests on queue 0x95000100\n"
          "(replies on 0x95000101), reads notices on 0x95000080, sends events on\n"
          "0x95000070 and its own requests on 0x95000090. Prints\n"
          "\"pavo-media-service: ready\" once it serves; SIGINT or SIGTERM stop it.\n"
          "  --time-scale X  run the media clock and every delay X times faster (X > 0)\n"
+         "  --engine E      model (default): the virtual media below, deterministic;\n"
+         "                  gstreamer: plays each URL (or file name) through GStreamer,\n"
+         "                  in real time (--time-scale must stay 1)\n"
+         "  --sinks S       gstreamer: fake (renders nothing; the default without a\n"
+         "                  display) or auto (the desktop's video and audio output)\n"
          "  --verbose       print every request, reply and event, one line each\n"
          "  --help          this text\n"
          "Media, chosen by the last path segment of the URL: vod.mp4 (60 s), short.mp4\n"
@@ -28,6 +34,18 @@ bool parse_options(int argc, char** argv, Options* options, std::string* error) 
       options->verbose = true;
     } else if (arg == "--help" || arg == "-h") {
       options->help = true;
+    } else if (arg == "--engine" || arg == "--sinks") {
+      if (i + 1 >= argc) {
+        *error = arg + " needs a value";
+        return false;
+      }
+      const std::string value = argv[++i];
+      const bool engine = arg == "--engine";
+      if (engine ? value != "model" && value != "gstreamer" : value != "fake" && value != "auto") {
+        *error = "unknown " + arg.substr(2) + " \"" + value + "\"";
+        return false;
+      }
+      (engine ? options->engine : options->sinks) = value;
     } else if (arg == "--time-scale" || arg.rfind("--time-scale=", 0) == 0) {
       std::string value;
       if (arg == "--time-scale") {
@@ -50,6 +68,10 @@ bool parse_options(int argc, char** argv, Options* options, std::string* error) 
       *error = "unknown option \"" + arg + "\"";
       return false;
     }
+  }
+  if (options->engine == "gstreamer" && options->time_scale != 1.0) {
+    *error = "the gstreamer engine plays in real time: --time-scale is for the model engine";
+    return false;
   }
   return true;
 }

@@ -10,6 +10,9 @@ struct Options {
   double time_scale = 1.0;  // > 0
   bool verbose = false;
   bool help = false;
+  std::string engine = "model";  // "model" or "gstreamer"
+  std::string sinks;             // gstreamer: "fake" or "auto"; empty: fake without a display
+
 };
 
 // The usage text printed by --help.

@@ -1,5 +1,6 @@
-// One player of the service: the state machine of a real player driven by
-// commands and by the clock, over a virtual media item of the catalogue.
+// One player of the service: the model engine, the state machine of a real
+// player driven by commands and by the clock, over a virtual media item of
+// the catalogue.
 //
 // Time is handed in (`now`) and never read here, so the model is plain data;
 // the service calls advance() when next_deadline() has come. Every change
@@ -13,11 +14,10 @@
 #include <vector>
 
 #include "pavo-media-service/catalogue.h"
+#include "pavo-media-service/engine.h"
 #include "pavo-media-service/events.h"
 
 namespace pavo::service {
-
-using Clock = std::chrono::steady_clock;
 
 // Delays of a real player at time scale 1.
 struct PlayerTimings {
@@ -26,61 +26,52 @@ struct PlayerTimings {
   std::chrono::milliseconds seeking{100};
 };
 
-// What the page has set on the player; kept and reported back, otherwise
-// without effect on the virtual media.
-struct PlayerSettings {
-  int full_screen = 0;
-  int rect[4] = {0, 0, 0, 0};
-  std::string mime_type, licence_server_url, custom_data, font_file, cookie;
-  int loop_count = 0;  // further passes after the first; negative: endless
-};
-
-class Player {
+class Player : public PlayerEngine {
  public:
   // `time_scale` > 0: the media clock and every delay run that much faster.
   Player(unsigned id, double time_scale, const PlayerTimings& timings = PlayerTimings());
 
-  unsigned id() const { return id_; }
-  int state() const { return state_; }
-  const MediaItem* item() const { return item_; }
-  const std::string& url() const { return url_; }
-  PlayerSettings& settings() { return settings_; }
+  unsigned id() const override { return id_; }
+  int state() const override { return state_; }
+  const MediaItem* item() const override { return item_; }
+  const std::string& url() const override { return url_; }
+  PlayerSettings& settings() override { return settings_; }
 
   // Commands. Each returns the reply's "ret": 0, or -1 when the player
   // cannot do it in its state or the argument is out of range.
-  int load(const std::string& url, Clock::time_point now, Outbox* out);
-  int play(Clock::time_point now, Outbox* out);
-  int pause(Clock::time_point now, Outbox* out);
-  int stop(Clock::time_point now, Outbox* out);
-  int seek(double seconds, Clock::time_point now, Outbox* out);
-  int set_rate(double thousandths, Clock::time_point now, Outbox* out);
+  int load(const std::string& url, Clock::time_point now, Outbox* out) override;
+  int play(Clock::time_point now, Outbox* out) override;
+  int pause(Clock::time_point now, Outbox* out) override;
+  int stop(Clock::time_point now, Outbox* out) override;
+  int seek(double seconds, Clock::time_point now, Outbox* out) override;
+  int set_rate(double thousandths, Clock::time_point now, Outbox* out) override;
 
   // Seconds; kUnknownDuration for a live item, 0 with nothing loaded.
-  double duration() const;
+  double duration() const override;
   // Seconds; the target of a seek in progress.
-  double position(Clock::time_point now) const;
+  double position(Clock::time_point now) const override;
   // Speed in thousandths (1000 normal).
-  double rate() const { return speed_ * 1000.0; }
+  double rate() const override { return speed_ * 1000.0; }
 
   // Tracks of one kind (0 video, 1 audio, 2 subtitle); other kinds have none.
-  int track_count(int kind) const;
+  int track_count(int kind) const override;
   // The index-th track of `kind`, or null.
-  const Track* track(int kind, int index) const;
-  bool track_active(int kind, int index) const;
+  const Track* track(int kind, int index) const override;
+  bool track_active(int kind, int index) const override;
   // Index of the selected track of `kind`; -1 when none is.
-  int active_index(int kind) const;
-  int select_track(int kind, int index, Outbox* out);
-  int unselect_track(int kind, int index, Outbox* out);
-  int enable_subtitles(bool enable, Outbox* out);
+  int active_index(int kind) const override;
+  int select_track(int kind, int index, Outbox* out) override;
+  int unselect_track(int kind, int index, Outbox* out) override;
+  int enable_subtitles(bool enable, Outbox* out) override;
   // An external subtitle track handed over by the page.
   int add_subtitle(const std::string& url, const std::string& language, const std::string& label,
-                   Outbox* out);
+                   Outbox* out) override;
 
   // When advance() has work; Clock::time_point::max() when nothing is due.
-  Clock::time_point next_deadline() const;
+  Clock::time_point next_deadline() const override;
   // Makes every step that is due at `now` (load phases, seek completion,
   // end of stream, start reached while rewinding).
-  void advance(Clock::time_point now, Outbox* out);
+  void advance(Clock::time_point now, Outbox* out) override;
 
  private:
   enum class Phase { kNone, kConnecting, kBuffering, kSeeking };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <memory>
+#include <utility>
 
 #include "pavo-media-service/console.h"
 #include "pavo-media-service/protocol.h"
@@ -17,7 +18,8 @@ std::string reply_text(Json::Value reply, int ret) {
 
 }  // namespace
 
-Service::Service(double time_scale, Endpoints* endpoints) : endpoints_(endpoints), state_(time_scale) {}
+Service::Service(double time_scale, Endpoints* endpoints, EngineFactory engine)
+    : endpoints_(endpoints), state_(time_scale, std::move(engine)) {}
 
 void Service::start() {
   std::lock_guard<std::mutex> lock(mu_);

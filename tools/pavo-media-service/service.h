@@ -24,7 +24,8 @@ namespace pavo::service {
 class Service {
  public:
   // REQUIRES: time_scale > 0; `endpoints` open and outliving the service.
-  Service(double time_scale, Endpoints* endpoints);
+  // `engine` makes the players; null: the model engine at `time_scale`.
+  Service(double time_scale, Endpoints* endpoints, EngineFactory engine = nullptr);
   ~Service() { stop(); }
   Service(const Service&) = delete;
   Service& operator=(const Service&) = delete;

@@ -1,0 +1,891 @@
+// The GStreamer engine: one playbin3 pipeline per player.
+//
+// Mapping between the protocol and the pipeline:
+//   load       the URL (or a file name, made a file URI) is set on the
+//              pipeline, which goes to PAUSED: state connecting; the stream
+//              collection (the demuxer has read the headers) turns it into
+//              buffering; async-done (pre-rolled) ends the load: paused, or
+//              PLAYING asked for and playing reported when the pipeline has
+//              reached it. A load plays unless a pause came first.
+//   buffering  messages below 100 % pause a playing pipeline (state
+//              buffering) until 100 %.
+//   seek       a flushing, accurate seek (state seeking); its async-done
+//              gives the seek-completed event with the position reached.
+//              Seeks that come while one is under way wait for it.
+//   rate       a flushing seek at the new rate from the current position;
+//              backwards from 0 to it. A seek the pipeline refuses fails the
+//              request; 0 pauses.
+//   position   and duration from queries; the seek target while seeking.
+//   EOS        finished, or a new pass while loops are left.
+//   errors     an error event with the protocol's number (resource errors:
+//              network; stream type and demux errors: format; codec, decode
+//              and library errors: decoder; decryption: encrypted), then
+//              the error state, and the pipeline is shut.
+//   tracks     the stream collection: kind, caps name as encoding, the
+//              language tag as the container gives it, channels, size;
+//              selection through select-streams, with the track-change
+//              event once the pipeline reports the streams selected.
+//
+// The bus is polled from advance() every kPollInterval while the pipeline
+// runs: every call of the engine, bus handling included, runs under the
+// service's lock, so no GStreamer thread ever waits for that lock (a bus
+// handler on a streaming thread could, while a flushing seek under the
+// lock waits for that thread).
+#include <gst/gst.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "pavo-media-service/console.h"
+#include "pavo-media-service/gst_engine.h"
+#include "pavo-media-service/protocol.h"
+
+namespace pavo::service {
+namespace {
+
+constexpr auto kPollInterval = std::chrono::milliseconds(10);
+constexpr double kMaxSpeed = 64.0;
+
+bool valid_kind(int kind) { return kind >= kVideoTrack && kind <= kSubtitleTrack; }
+
+// Owners of GStreamer references.
+struct GstObjectUnref {
+  void operator()(gpointer object) const { gst_object_unref(object); }
+};
+struct GstMessageUnref {
+  void operator()(GstMessage* message) const { gst_message_unref(message); }
+};
+struct GstCapsUnref {
+  void operator()(GstCaps* caps) const { gst_caps_unref(caps); }
+};
+struct GstTagListUnref {
+  void operator()(GstTagList* tags) const { gst_tag_list_unref(tags); }
+};
+struct GFreeDeleter {
+  void operator()(gpointer p) const { g_free(p); }
+};
+using MessagePtr = std::unique_ptr<GstMessage, GstMessageUnref>;
+using CollectionPtr = std::unique_ptr<GstStreamCollection, GstObjectUnref>;
+using GCharPtr = std::unique_ptr<gchar, GFreeDeleter>;
+
+// The protocol's error number for a pipeline error.
+int media_error(const GError* error) {
+  if (error->domain == GST_RESOURCE_ERROR) return kNetworkError;
+  if (error->domain == GST_STREAM_ERROR) {
+    switch (error->code) {
+      case GST_STREAM_ERROR_CODEC_NOT_FOUND:
+      case GST_STREAM_ERROR_DECODE:
+        return kDecoderError;
+      case GST_STREAM_ERROR_DECRYPT:
+      case GST_STREAM_ERROR_DECRYPT_NOKEY:
+        return kEncryptedError;
+      default:  // type not found, wrong type, demux, format, failed
+        return kFormatError;
+    }
+  }
+  if (error->domain == GST_LIBRARY_ERROR) return kDecoderError;
+  if (error->domain == GST_CORE_ERROR && error->code == GST_CORE_ERROR_MISSING_PLUGIN) {
+    return kDecoderError;
+  }
+  return kFormatError;
+}
+
+int kind_of(GstStreamType type) {
+  if (type & GST_STREAM_TYPE_VIDEO) return kVideoTrack;
+  if (type & GST_STREAM_TYPE_AUDIO) return kAudioTrack;
+  if (type & GST_STREAM_TYPE_TEXT) return kSubtitleTrack;
+  return kOtherTrack;
+}
+
+// One track record from a stream of the collection.
+Track describe_stream(GstStream* stream, int kind, int number) {
+  Track t;
+  t.kind = kind;
+  t.track_id = number;
+  const std::unique_ptr<GstCaps, GstCapsUnref> caps(gst_stream_get_caps(stream));
+  if (caps && gst_caps_get_size(caps.get()) > 0) {
+    const GstStructure* s = gst_caps_get_structure(caps.get(), 0);
+    t.encoding = gst_structure_get_name(s);
+    t.encrypted = t.encoding == "application/x-cenc";
+    gst_structure_get_int(s, "width", &t.width);
+    gst_structure_get_int(s, "height", &t.height);
+    gst_structure_get_int(s, "channels", &t.audio_channels);
+  }
+  const std::unique_ptr<GstTagList, GstTagListUnref> tags(gst_stream_get_tags(stream));
+  if (tags) {
+    gchar* text = nullptr;
+    if (gst_tag_list_get_string(tags.get(), GST_TAG_LANGUAGE_CODE, &text)) {
+      t.language = text;
+      g_free(text);
+    }
+    if (gst_tag_list_get_string(tags.get(), GST_TAG_TITLE, &text)) {
+      t.label = text;
+      g_free(text);
+    }
+  }
+  return t;
+}
+
+struct EngineConfig {
+  bool fake_sinks;
+};
+
+class GstPlayer final : public PlayerEngine {
+ public:
+  GstPlayer(unsigned id, EngineConfig config) : id_(id), config_(config) {}
+  ~GstPlayer() override { close_pipeline(); }
+  GstPlayer(const GstPlayer&) = delete;
+  GstPlayer& operator=(const GstPlayer&) = delete;
+
+  unsigned id() const override { return id_; }
+  int state() const override { return state_; }
+  const MediaItem* item() const override { return nullptr; }
+  const std::string& url() const override { return url_; }
+  PlayerSettings& settings() override { return settings_; }
+
+  int load(const std::string& url, Clock::time_point now, Outbox* out) override;
+  int play(Clock::time_point now, Outbox* out) override;
+  int pause(Clock::time_point now, Outbox* out) override;
+  int stop(Clock::time_point now, Outbox* out) override;
+  int seek(double seconds, Clock::time_point now, Outbox* out) override;
+  int set_rate(double thousandths, Clock::time_point now, Outbox* out) override;
+
+  double duration() const override { return duration_; }
+  double position(Clock::time_point now) const override;
+  double rate() const override { return speed_ * 1000.0; }
+
+  int track_count(int kind) const override;
+  const Track* track(int kind, int index) const override;
+  bool track_active(int kind, int index) const override {
+    return valid_kind(kind) && index >= 0 && active_[kind] == index;
+  }
+  int active_index(int kind) const override { return valid_kind(kind) ? active_[kind] : -1; }
+  int select_track(int kind, int index, Outbox* out) override;
+  int unselect_track(int kind, int index, Outbox* out) override;
+  int enable_subtitles(bool enable, Outbox* out) override;
+  int add_subtitle(const std::string&, const std::string&, const std::string&, Outbox*) override {
+    return -1;  // external subtitle files are not played by this engine
+  }
+
+  Clock::time_point next_deadline() const override { return next_poll_; }
+  void advance(Clock::time_point now, Outbox* out) override;
+
+ private:
+  // What the pipeline is doing on the way to a reported state.
+  enum class Phase {
+    kNone,
+    kConnecting,  // load: until the stream collection
+    kPrerolling,  // load or play after stop: until async-done
+    kSeeking,     // a flushing seek: until async-done
+    kRateChange,  // a flushing seek at a new rate: until async-done, unreported
+    kStarting,    // PLAYING asked for: until the pipeline is there
+  };
+
+  bool make_pipeline();
+  void close_pipeline();
+  void emit(int event, int sub_event, int data1, double data2, Outbox* out) const {
+    out->push_back(player_event(id_, event, sub_event, data1, data2));
+  }
+  void set_state(int state, Outbox* out);
+  void poll_soon(Clock::time_point now) { next_poll_ = now + kPollInterval; }
+  void drop_messages();
+  bool flush_seek(double rate, double seconds);
+  double query_position() const;
+  bool seek_under_way() const { return phase_ == Phase::kSeeking || seek_pending_; }
+  bool prerolled() const;
+  void start_playing(Outbox* out);
+  void finish_preroll(bool first, Outbox* out);
+  void run_waiting_seek();
+  void handle(GstMessage* message, Outbox* out);
+  void on_async_done(Outbox* out);
+  void on_error(GstMessage* message, Outbox* out);
+  void on_eos(Outbox* out);
+  void on_buffering(int percent, Outbox* out);
+  void on_collection(GstStreamCollection* collection, Outbox* out);
+  void on_streams_selected(GstMessage* message, Outbox* out);
+  void read_tracks();
+  int change_selection(int kind, int index, Outbox* out);
+  bool send_selection();
+  bool selection_differs() const;
+
+  unsigned id_;
+  EngineConfig config_;
+  int state_ = kIdle;
+  std::string url_;
+  PlayerSettings settings_;
+
+  GstElement* pipeline_ = nullptr;  // owned; made at the first load
+  GstBus* bus_ = nullptr;           // owned
+  CollectionPtr collection_;
+  std::vector<Track> tracks_;
+  std::vector<std::string> stream_ids_;  // beside tracks_
+  int wanted_[3] = {0, 0, -1};           // selection asked of the pipeline
+  int active_[3] = {0, 0, -1};           // selection the pipeline reported
+  bool subtitles_enabled_ = false;
+  bool announce_selection_ = false;      // the page asked: report what the pipeline selects
+
+  Phase phase_ = Phase::kNone;
+  bool first_preroll_ = false;     // the preroll of a load or of a play after stop
+  bool play_wanted_ = true;        // where a load or seek ends: playing or paused
+  bool seek_pending_ = false;      // a seek waits for the phase under way
+  bool seek_reported_ = false;     // the seek under way ends with seek-completed
+  double seek_target_ = 0.0;
+  bool rate_pending_ = false;      // speed_ waits for the next seek
+  bool buffering_ = false;         // paused for network buffering
+  bool at_edge_ = false;           // finished at an end of the stream
+  double speed_ = 1.0;             // factor; 0 paused by rate
+  double pipeline_rate_ = 1.0;     // rate of the pipeline's segment
+  double duration_ = 0.0;
+  double held_position_ = 0.0;     // reported while no query applies
+  int loops_left_ = 0;
+  Clock::time_point next_poll_ = Clock::time_point::max();
+};
+
+bool GstPlayer::make_pipeline() {
+  if (pipeline_ != nullptr) return true;
+  GstElement* playbin = gst_element_factory_make("playbin3", nullptr);
+  if (playbin == nullptr) return false;
+  if (config_.fake_sinks) {
+    // Fake sinks that still wait for the clock, so that playback takes the
+    // media's time.
+    for (const char* property : {"video-sink", "audio-sink", "text-sink"}) {
+      GstElement* sink = gst_element_factory_make("fakesink", nullptr);
+      if (sink == nullptr) {
+        gst_object_unref(gst_object_ref_sink(playbin));
+        return false;
+      }
+      g_object_set(sink, "sync", TRUE, nullptr);
+      g_object_set(playbin, property, sink, nullptr);
+    }
+  }
+  pipeline_ = GST_ELEMENT(gst_object_ref_sink(playbin));
+  bus_ = gst_element_get_bus(pipeline_);
+  return true;
+}
+
+void GstPlayer::close_pipeline() {
+  if (pipeline_ == nullptr) return;
+  collection_.reset();
+  gst_element_set_state(pipeline_, GST_STATE_NULL);
+  gst_object_unref(bus_);
+  gst_object_unref(pipeline_);
+  bus_ = nullptr;
+  pipeline_ = nullptr;
+}
+
+void GstPlayer::set_state(int state, Outbox* out) {
+  if (state == state_) return;
+  state_ = state;
+  emit(kStateChangeEvent, 0, state, 0.0, out);
+}
+
+void GstPlayer::drop_messages() {
+  gst_bus_set_flushing(bus_, TRUE);
+  gst_bus_set_flushing(bus_, FALSE);
+}
+
+bool GstPlayer::flush_seek(double rate, double seconds) {
+  const auto flags = static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE);
+  const gint64 at = static_cast<gint64>(std::max(seconds, 0.0) * GST_SECOND);
+  const bool ok = rate > 0 ? gst_element_seek(pipeline_, rate, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, at,
+                                              GST_SEEK_TYPE_NONE, GST_CLOCK_TIME_NONE)
+                           : gst_element_seek(pipeline_, rate, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, 0,
+                                              GST_SEEK_TYPE_SET, at);
+  if (ok) {
+    at_edge_ = false;
+    pipeline_rate_ = rate;
+  }
+  return ok;
+}
+
+double GstPlayer::query_position() const {
+  gint64 at = 0;
+  if (pipeline_ == nullptr || !gst_element_query_position(pipeline_, GST_FORMAT_TIME, &at) || at < 0) {
+    return held_position_;
+  }
+  return static_cast<double>(at) / GST_SECOND;
+}
+
+double GstPlayer::position(Clock::time_point) const {
+  if (seek_under_way()) return seek_target_;
+  switch (state_) {
+    case kPlaying:
+    case kPaused:
+    case kBuffering:
+      return phase_ == Phase::kRateChange ? held_position_ : query_position();
+    default:
+      return held_position_;
+  }
+}
+
+bool GstPlayer::prerolled() const {
+  return phase_ != Phase::kConnecting && phase_ != Phase::kPrerolling &&
+         (state_ == kPlaying || state_ == kPaused || state_ == kSeeking || state_ == kFinished ||
+          (state_ == kBuffering && buffering_));
+}
+
+int GstPlayer::load(const std::string& url, Clock::time_point now, Outbox* out) {
+  if (url.empty()) return -1;
+  // A new pipeline for every load: one that ended in an error does not
+  // always take a new URI.
+  close_pipeline();
+  if (!make_pipeline()) return -1;
+  std::string uri = url;
+  if (!gst_uri_is_valid(url.c_str())) {
+    const GCharPtr made(gst_filename_to_uri(url.c_str(), nullptr));
+    if (made == nullptr) return -1;
+    uri = made.get();
+  }
+  g_object_set(pipeline_, "uri", uri.c_str(), nullptr);
+  url_ = url;
+  collection_.reset();
+  tracks_.clear();
+  stream_ids_.clear();
+  wanted_[kVideoTrack] = active_[kVideoTrack] = 0;
+  wanted_[kAudioTrack] = active_[kAudioTrack] = 0;
+  wanted_[kSubtitleTrack] = active_[kSubtitleTrack] = -1;
+  announce_selection_ = false;
+  loops_left_ = settings_.loop_count;
+  play_wanted_ = true;
+  seek_pending_ = seek_reported_ = buffering_ = at_edge_ = false;
+  rate_pending_ = speed_ != 1.0;
+  pipeline_rate_ = 1.0;
+  duration_ = held_position_ = 0.0;
+  phase_ = Phase::kConnecting;
+  first_preroll_ = true;
+  if (state_ == kConnecting) state_ = kLoaded;  // a reload reports connecting again
+  set_state(kConnecting, out);
+  // A failure shows as an error message on the bus.
+  gst_element_set_state(pipeline_, GST_STATE_PAUSED);
+  poll_soon(now);
+  return 0;
+}
+
+void GstPlayer::start_playing(Outbox* out) {
+  phase_ = Phase::kStarting;
+  gst_element_set_state(pipeline_, GST_STATE_PLAYING);
+  GstState current = GST_STATE_VOID_PENDING, pending = GST_STATE_VOID_PENDING;
+  gst_element_get_state(pipeline_, &current, &pending, 0);
+  if (current == GST_STATE_PLAYING && pending == GST_STATE_VOID_PENDING) {
+    phase_ = Phase::kNone;
+    set_state(kPlaying, out);
+  }
+}
+
+int GstPlayer::play(Clock::time_point now, Outbox* out) {
+  poll_soon(now);
+  switch (state_) {
+    case kConnecting:
+    case kBuffering:
+    case kSeeking:
+      play_wanted_ = true;
+      return 0;
+    case kPlaying:
+      return 0;
+    case kPaused:
+      if (phase_ == Phase::kStarting) return 0;
+      play_wanted_ = true;
+      if (speed_ == 0.0) {
+        speed_ = 1.0;
+        emit(kSpeedChangeEvent, 0, 1000, 0.0, out);
+        if (pipeline_rate_ != 1.0) {
+          held_position_ = query_position();
+          if (!flush_seek(1.0, held_position_)) return -1;
+          phase_ = Phase::kRateChange;
+          return 0;  // playing once the rate change is through
+        }
+      }
+      if (phase_ == Phase::kRateChange) return 0;
+      start_playing(out);
+      return 0;
+    case kFinished:
+      play_wanted_ = true;
+      if (at_edge_ && speed_ > 0) {
+        // A new pass from the start, reported as playing once under way.
+        held_position_ = 0.0;
+        gst_element_set_state(pipeline_, GST_STATE_PAUSED);
+        if (!flush_seek(speed_, 0.0)) return -1;
+        seek_reported_ = false;
+        phase_ = Phase::kSeeking;
+        seek_target_ = 0.0;
+        return 0;
+      }
+      start_playing(out);
+      return 0;
+    case kStopped:
+      if (url_.empty()) return -1;
+      play_wanted_ = true;
+      held_position_ = 0.0;
+      phase_ = Phase::kPrerolling;
+      first_preroll_ = true;
+      rate_pending_ = speed_ != 1.0 && speed_ != 0.0;
+      pipeline_rate_ = 1.0;
+      set_state(kBuffering, out);
+      gst_element_set_state(pipeline_, GST_STATE_PAUSED);
+      return 0;
+    default:  // idle, error
+      return -1;
+  }
+}
+
+int GstPlayer::pause(Clock::time_point now, Outbox* out) {
+  poll_soon(now);
+  if (phase_ == Phase::kStarting) {
+    phase_ = Phase::kNone;
+    play_wanted_ = false;
+    gst_element_set_state(pipeline_, GST_STATE_PAUSED);
+    set_state(kPaused, out);
+    return 0;
+  }
+  switch (state_) {
+    case kConnecting:
+    case kBuffering:
+    case kSeeking:
+      play_wanted_ = false;
+      return 0;
+    case kPlaying:
+      play_wanted_ = false;
+      gst_element_set_state(pipeline_, GST_STATE_PAUSED);
+      set_state(kPaused, out);
+      return 0;
+    case kPaused:
+    case kFinished:
+      return 0;
+    default:
+      return -1;
+  }
+}
+
+int GstPlayer::stop(Clock::time_point, Outbox* out) {
+  if (state_ == kIdle) return 0;
+  if (pipeline_ != nullptr) {
+    gst_element_set_state(pipeline_, GST_STATE_READY);
+    drop_messages();
+  }
+  phase_ = Phase::kNone;
+  seek_pending_ = buffering_ = at_edge_ = false;
+  held_position_ = 0.0;
+  next_poll_ = Clock::time_point::max();
+  set_state(kStopped, out);
+  return 0;
+}
+
+int GstPlayer::seek(double seconds, Clock::time_point now, Outbox* out) {
+  if (pipeline_ == nullptr || !std::isfinite(seconds)) return -1;
+  if (state_ == kIdle || state_ == kStopped || state_ == kError) return -1;
+  seconds = std::max(seconds, 0.0);
+  if (duration_ > 0) seconds = std::min(seconds, duration_);
+  poll_soon(now);
+  if (phase_ == Phase::kConnecting || phase_ == Phase::kPrerolling || phase_ == Phase::kSeeking ||
+      phase_ == Phase::kRateChange) {
+    // Made once the phase under way is through.
+    seek_target_ = seconds;
+    seek_pending_ = true;
+    if (phase_ == Phase::kRateChange) {
+      play_wanted_ = state_ == kPlaying;
+      set_state(kSeeking, out);
+    }
+    return 0;
+  }
+  const bool playing = state_ == kPlaying || phase_ == Phase::kStarting;
+  if (state_ == kFinished) gst_element_set_state(pipeline_, GST_STATE_PAUSED);
+  const double rate = speed_ != 0.0 ? speed_ : pipeline_rate_;
+  if (!flush_seek(rate, seconds)) return -1;
+  play_wanted_ = playing;
+  seek_target_ = seconds;
+  seek_reported_ = true;
+  phase_ = Phase::kSeeking;
+  set_state(kSeeking, out);
+  return 0;
+}
+
+int GstPlayer::set_rate(double thousandths, Clock::time_point now, Outbox* out) {
+  const double speed = thousandths / 1000.0;
+  if (!std::isfinite(speed) || std::fabs(speed) > kMaxSpeed) return -1;
+  poll_soon(now);
+  const int reported = static_cast<int>(std::lround(thousandths));
+  if (speed == 0.0) {
+    speed_ = 0.0;
+    emit(kSpeedChangeEvent, 0, reported, 0.0, out);
+    if (state_ == kPlaying || phase_ == Phase::kStarting) pause(now, out);
+    return 0;
+  }
+  if (!prerolled() || phase_ == Phase::kSeeking || phase_ == Phase::kRateChange) {
+    // Applied with the seek that ends the phase under way.
+    speed_ = speed;
+    rate_pending_ = speed != pipeline_rate_;
+    emit(kSpeedChangeEvent, 0, reported, 0.0, out);
+    return 0;
+  }
+  const double from = position(now);
+  if (state_ == kFinished) gst_element_set_state(pipeline_, GST_STATE_PAUSED);
+  if (!flush_seek(speed, from)) return -1;  // the demuxer cannot play at this rate
+  speed_ = speed;
+  held_position_ = from;
+  phase_ = Phase::kRateChange;
+  emit(kSpeedChangeEvent, 0, reported, 0.0, out);
+  return 0;
+}
+
+void GstPlayer::read_tracks() {
+  tracks_.clear();
+  stream_ids_.clear();
+  if (!collection_) return;
+  int counts[3] = {0, 0, 0};
+  const guint n = gst_stream_collection_get_size(collection_.get());
+  for (guint i = 0; i < n; ++i) {
+    GstStream* stream = gst_stream_collection_get_stream(collection_.get(), i);
+    const int kind = kind_of(gst_stream_get_stream_type(stream));
+    if (!valid_kind(kind)) continue;
+    Track t = describe_stream(stream, kind, static_cast<int>(i) + 1);
+    t.priority = ++counts[kind];
+    tracks_.push_back(std::move(t));
+    const char* sid = gst_stream_get_stream_id(stream);
+    stream_ids_.emplace_back(sid == nullptr ? "" : sid);
+  }
+}
+
+int GstPlayer::track_count(int kind) const {
+  return static_cast<int>(std::count_if(tracks_.begin(), tracks_.end(),
+                                        [kind](const Track& t) { return t.kind == kind; }));
+}
+
+const Track* GstPlayer::track(int kind, int index) const {
+  int seen = 0;
+  for (const Track& t : tracks_) {
+    if (t.kind == kind && seen++ == index) return &t;
+  }
+  return nullptr;
+}
+
+int GstPlayer::change_selection(int kind, int index, Outbox* out) {
+  wanted_[kind] = index;
+  if (collection_ && (phase_ == Phase::kConnecting || phase_ == Phase::kPrerolling)) {
+    return 0;  // sent once pre-rolled
+  }
+  const bool running = collection_ && (state_ == kPlaying || state_ == kPaused || state_ == kBuffering ||
+                                       state_ == kSeeking || state_ == kFinished);
+  if (!running) {
+    // Nothing to switch: the selection applies to the next stream.
+    if (active_[kind] != index) {
+      active_[kind] = index;
+      emit(kTrackChangeEvent, 0, kind, 0.0, out);
+    }
+    return 0;
+  }
+  // The track change follows when the pipeline reports the selection.
+  announce_selection_ = true;
+  return send_selection() ? 0 : -1;
+}
+
+bool GstPlayer::send_selection() {
+  GList* ids = nullptr;
+  for (int k = kVideoTrack; k <= kSubtitleTrack; ++k) {
+    int seen = 0;
+    for (std::size_t i = 0; i < tracks_.size(); ++i) {
+      if (tracks_[i].kind == k && seen++ == wanted_[k]) {
+        ids = g_list_append(ids, const_cast<char*>(stream_ids_[i].c_str()));
+      }
+    }
+  }
+  const bool sent = gst_element_send_event(pipeline_, gst_event_new_select_streams(ids));
+  g_list_free(ids);
+  return sent;
+}
+
+bool GstPlayer::selection_differs() const {
+  return !std::equal(std::begin(wanted_), std::end(wanted_), std::begin(active_));
+}
+
+int GstPlayer::select_track(int kind, int index, Outbox* out) {
+  if (!valid_kind(kind) || track(kind, index) == nullptr) return -1;
+  if (kind == kSubtitleTrack) subtitles_enabled_ = true;
+  if (wanted_[kind] == index) return 0;
+  return change_selection(kind, index, out);
+}
+
+int GstPlayer::unselect_track(int kind, int index, Outbox* out) {
+  if (!valid_kind(kind) || track(kind, index) == nullptr) return -1;
+  if (wanted_[kind] != index) return 0;
+  return change_selection(kind, -1, out);
+}
+
+int GstPlayer::enable_subtitles(bool enable, Outbox* out) {
+  subtitles_enabled_ = enable;
+  const int wanted =
+      enable && track_count(kSubtitleTrack) > 0 ? std::max(wanted_[kSubtitleTrack], 0) : -1;
+  return wanted == wanted_[kSubtitleTrack] ? 0 : change_selection(kSubtitleTrack, wanted, out);
+}
+
+void GstPlayer::advance(Clock::time_point now, Outbox* out) {
+  if (pipeline_ == nullptr || now < next_poll_) return;
+  next_poll_ = Clock::time_point::max();
+  while (true) {
+    const MessagePtr message(gst_bus_pop(bus_));
+    if (!message) break;
+    handle(message.get(), out);
+  }
+  if (state_ != kIdle && state_ != kStopped && state_ != kError) poll_soon(now);
+}
+
+void GstPlayer::handle(GstMessage* message, Outbox* out) {
+  const bool from_pipeline = GST_MESSAGE_SRC(message) == GST_OBJECT(pipeline_);
+  switch (GST_MESSAGE_TYPE(message)) {
+    case GST_MESSAGE_ERROR:
+      on_error(message, out);
+      break;
+    case GST_MESSAGE_EOS:
+      on_eos(out);
+      break;
+    case GST_MESSAGE_ASYNC_DONE:
+      if (from_pipeline) on_async_done(out);
+      break;
+    case GST_MESSAGE_STATE_CHANGED:
+      if (from_pipeline && phase_ == Phase::kStarting) {
+        GstState old_state, new_state, pending;
+        gst_message_parse_state_changed(message, &old_state, &new_state, &pending);
+        if (new_state == GST_STATE_PLAYING) {
+          phase_ = Phase::kNone;
+          set_state(kPlaying, out);
+        }
+      }
+      break;
+    case GST_MESSAGE_BUFFERING: {
+      gint percent = 100;
+      gst_message_parse_buffering(message, &percent);
+      on_buffering(percent, out);
+      break;
+    }
+    case GST_MESSAGE_STREAM_COLLECTION: {
+      GstStreamCollection* collection = nullptr;
+      gst_message_parse_stream_collection(message, &collection);
+      if (collection != nullptr) on_collection(collection, out);
+      break;
+    }
+    case GST_MESSAGE_STREAMS_SELECTED:
+      on_streams_selected(message, out);
+      break;
+    default:
+      break;
+  }
+}
+
+void GstPlayer::on_error(GstMessage* message, Outbox* out) {
+  GError* error = nullptr;
+  gchar* debug = nullptr;
+  gst_message_parse_error(message, &error, &debug);
+  const int code = error != nullptr ? media_error(error) : kFormatError;
+  trace("player %u: pipeline error (%s, debug: %s): error %d", id_,
+        error != nullptr ? error->message : "?", debug != nullptr ? debug : "-", code);
+  if (error != nullptr) g_error_free(error);
+  g_free(debug);
+  held_position_ = query_position();
+  gst_element_set_state(pipeline_, GST_STATE_NULL);
+  drop_messages();
+  phase_ = Phase::kNone;
+  seek_pending_ = buffering_ = false;
+  emit(kErrorEvent, code, 0, 0.0, out);
+  set_state(kError, out);
+}
+
+void GstPlayer::on_eos(Outbox* out) {
+  if (speed_ > 0 && loops_left_ != 0 && duration_ > 0) {
+    // Another pass, without a report, as a looping player does.
+    if (loops_left_ > 0) --loops_left_;
+    if (flush_seek(speed_, 0.0)) return;
+  }
+  held_position_ = speed_ < 0 ? 0.0 : std::max(query_position(), duration_);
+  at_edge_ = true;
+  phase_ = Phase::kNone;
+  seek_pending_ = false;
+  set_state(kFinished, out);
+}
+
+void GstPlayer::on_buffering(int percent, Outbox* out) {
+  if (percent < 100) {
+    if (buffering_) return;
+    if (phase_ == Phase::kConnecting) {
+      phase_ = Phase::kPrerolling;
+      set_state(kBuffering, out);
+    }
+    if (state_ == kPlaying || phase_ == Phase::kStarting) {
+      // Network buffering: wait with a paused pipeline.
+      buffering_ = true;
+      play_wanted_ = true;
+      phase_ = Phase::kNone;
+      gst_element_set_state(pipeline_, GST_STATE_PAUSED);
+      set_state(kBuffering, out);
+    } else if (phase_ == Phase::kPrerolling) {
+      buffering_ = true;
+    }
+    return;
+  }
+  if (!buffering_) return;
+  buffering_ = false;
+  if (phase_ == Phase::kNone && state_ == kBuffering) {
+    if (play_wanted_ && speed_ != 0.0) {
+      start_playing(out);
+    } else {
+      set_state(kPaused, out);
+    }
+  } else if (phase_ == Phase::kNone && state_ == kPaused && play_wanted_) {
+    start_playing(out);  // pre-rolled while the buffer was still filling
+  }
+}
+
+void GstPlayer::on_collection(GstStreamCollection* collection, Outbox* out) {
+  collection_.reset(collection);
+  read_tracks();
+  if (phase_ == Phase::kConnecting) {
+    phase_ = Phase::kPrerolling;
+    set_state(kBuffering, out);
+  }
+  for (int kind = kVideoTrack; kind <= kSubtitleTrack; ++kind) {
+    emit(kComponentUpdatedEvent, 0, kind, 0.0, out);
+  }
+  // Subtitles only when asked for; the pipeline picks one of each kind,
+  // and is told otherwise once pre-rolled (a selection sent while it sets
+  // its streams up can hang it).
+  for (int k = kVideoTrack; k <= kSubtitleTrack; ++k) {
+    if (wanted_[k] >= track_count(k)) wanted_[k] = track_count(k) > 0 ? 0 : -1;
+  }
+  if (!subtitles_enabled_) wanted_[kSubtitleTrack] = -1;
+}
+
+void GstPlayer::on_streams_selected(GstMessage* message, Outbox* out) {
+  int selected[3] = {-1, -1, -1};
+  const guint n = gst_message_streams_selected_get_size(message);
+  for (guint i = 0; i < n; ++i) {
+    GstStream* stream = gst_message_streams_selected_get_stream(message, i);
+    const char* sid = stream != nullptr ? gst_stream_get_stream_id(stream) : nullptr;
+    if (sid != nullptr) {
+      int seen[3] = {0, 0, 0};
+      for (std::size_t t = 0; t < tracks_.size(); ++t) {
+        const int kind = tracks_[t].kind;
+        if (stream_ids_[t] == sid) selected[kind] = seen[kind];
+        ++seen[kind];
+      }
+    }
+    if (stream != nullptr) gst_object_unref(stream);
+  }
+  // The pipeline's own choice, and the engine's first correction of it,
+  // are taken silently; what the page asked for is reported.
+  for (int kind = kVideoTrack; kind <= kSubtitleTrack; ++kind) {
+    if (selected[kind] != active_[kind]) {
+      active_[kind] = selected[kind];
+      if (announce_selection_) emit(kTrackChangeEvent, 0, kind, 0.0, out);
+    }
+  }
+  if (!selection_differs()) announce_selection_ = false;
+}
+
+void GstPlayer::run_waiting_seek() {
+  // A seek, or a rate, that came while the pipeline was busy.
+  const double target = seek_pending_ ? seek_target_ : held_position_;
+  const double rate = speed_ != 0.0 ? speed_ : pipeline_rate_;
+  seek_reported_ = seek_reported_ || seek_pending_;
+  seek_pending_ = rate_pending_ = false;
+  seek_target_ = target;
+  phase_ = Phase::kSeeking;
+  if (!flush_seek(rate, target) && rate != pipeline_rate_) {
+    flush_seek(pipeline_rate_, target);  // the rate is refused: keep the one that plays
+  }
+}
+
+void GstPlayer::finish_preroll(bool first, Outbox* out) {
+  phase_ = Phase::kNone;
+  if (first && collection_ && selection_differs()) send_selection();
+  if (buffering_) return;  // playback starts at 100 %
+  const bool plays = play_wanted_ && speed_ != 0.0;
+  if (!plays) {
+    set_state(kPaused, out);
+    return;
+  }
+  // Playback that starts reports its speed first.
+  if (first) emit(kSpeedChangeEvent, 0, static_cast<int>(std::lround(speed_ * 1000.0)), 0.0, out);
+  start_playing(out);
+}
+
+void GstPlayer::on_async_done(Outbox* out) {
+  switch (phase_) {
+    case Phase::kConnecting:
+    case Phase::kPrerolling: {
+      gint64 length = 0;
+      duration_ = gst_element_query_duration(pipeline_, GST_FORMAT_TIME, &length) && length >= 0
+                      ? static_cast<double>(length) / GST_SECOND
+                      : kUnknownDuration;
+      read_tracks();  // the tags are in by now
+      if (state_ == kConnecting) set_state(kBuffering, out);
+      if (seek_pending_ || rate_pending_) {
+        run_waiting_seek();
+        return;
+      }
+      first_preroll_ = false;
+      finish_preroll(true, out);
+      return;
+    }
+    case Phase::kSeeking: {
+      if (seek_pending_ || rate_pending_) {
+        run_waiting_seek();
+        return;
+      }
+      if (seek_reported_) {
+        seek_reported_ = false;
+        emit(kSeekCompletedEvent, 0, 0, query_position(), out);
+      }
+      const bool first = first_preroll_;
+      first_preroll_ = false;
+      finish_preroll(first, out);
+      return;
+    }
+    case Phase::kRateChange:
+      phase_ = Phase::kNone;
+      if (seek_pending_) {
+        run_waiting_seek();
+      } else if (state_ == kPlaying || (state_ == kPaused && play_wanted_)) {
+        start_playing(out);
+      }
+      return;
+    default:
+      return;
+  }
+}
+
+bool have_display() {
+  const char* x11 = std::getenv("DISPLAY");
+  const char* wayland = std::getenv("WAYLAND_DISPLAY");
+  return (x11 != nullptr && *x11 != '\0') || (wayland != nullptr && *wayland != '\0');
+}
+
+}  // namespace
+
+bool gstreamer_engine(const std::string& sinks, EngineFactory* factory, std::string* error) {
+  GError* init_error = nullptr;
+  if (!gst_init_check(nullptr, nullptr, &init_error)) {
+    *error = std::string("GStreamer does not start: ") +
+             (init_error != nullptr ? init_error->message : "unknown reason");
+    if (init_error != nullptr) g_error_free(init_error);
+    return false;
+  }
+  const EngineConfig config{sinks == "fake" || (sinks.empty() && !have_display())};
+  for (const char* needed : {"playbin3", config.fake_sinks ? "fakesink" : "playbin3"}) {
+    GstElementFactory* found = gst_element_factory_find(needed);
+    if (found == nullptr) {
+      *error = std::string("GStreamer has no ") + needed + " (package gstreamer1.0-plugins-base)";
+      return false;
+    }
+    gst_object_unref(found);
+  }
+  guint major = 0, minor = 0, micro = 0, nano = 0;
+  gst_version(&major, &minor, &micro, &nano);
+  trace("gstreamer engine: GStreamer %u.%u.%u, %s sinks", major, minor, micro,
+        config.fake_sinks ? "fake" : "desktop");
+  *factory = [config](unsigned id) { return std::make_unique<GstPlayer>(id, config); };
+  return true;
+}
+
+}  // namespace pavo::service
