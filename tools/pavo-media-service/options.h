@@ -4,12 +4,15 @@
 
 #include <string>
 
+#include "pavo-media-service/faults.h"
+
 namespace pavo::service {
 
 struct Options {
   double time_scale = 1.0;  // > 0
   bool verbose = false;
   bool help = false;
+  FaultOptions faults;  // none unless asked for
 };
 
 // The usage text printed by --help.
