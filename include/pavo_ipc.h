@@ -56,7 +56,7 @@ typedef struct pavo_ipc_server pavo_ipc_server;
  * valid only during the call. For a synchronous request the callback returns
  * a reply allocated with C++ new (the record) and malloc/strdup (its data),
  * or null for no reply; the receive thread sends and releases it. For a
- * one-way message the result is ignored (and must be null).
+ * one-way message the result is ignored: neither sent nor released.
  * The callback must not register or unregister callbacks of its own server.
  */
 typedef pavo_ipc_msg* (*pavo_ipc_server_callback)(pavo_ipc_msg* message, void* user_data);
@@ -82,7 +82,8 @@ PAVO_EXPORT int pavo_ipc_client_destroy(pavo_ipc_client* handle);
 
 /*
  * Sends a one-way message. Never blocks in the kernel: a full queue costs at
- * most five resends 50 ms apart per frame.
+ * most five resends 50 ms apart per frame. A queue found removed from the
+ * system is opened again (under its key) and the message sent once more.
  * Returns 0; -1 when longer than 16384 bytes or the send failed; -3 for a
  * null argument, len 0, or queues that do not exist (yet).
  */
@@ -91,11 +92,15 @@ PAVO_EXPORT int pavo_ipc_client_send(pavo_ipc_client* handle, pavo_ipc_msg* mess
 /*
  * Sends a synchronous request and blocks for its reply, at most for the
  * build-time reply time-out (PAVO_IPC_REPLY_TIMEOUT_MS, 0 = no limit).
+ * Frames carry no request number: the reply of a request that timed out is
+ * owed, and no request is sent while a reply is owed. The next call first
+ * waits for the owed reply and discards it, within the same time bound; if
+ * it does not come, the call returns -1 without sending its request.
  * On 0, reply_out->data is a NUL-terminated malloc'ed text that the caller
  * releases with free; reply_out->len is the reply's length, or is left as the
  * caller set it when the server had no reply (the text is then "a").
- * On -1 after the request was sent (receive failure, time-out),
- * reply_out->data is set to null. Other failures leave reply_out untouched.
+ * On -1 after the wait began (receive failure, time-out, owed reply that did
+ * not come), reply_out->data is set to null. Other failures leave reply_out untouched.
  * Returns 0; -1; -3 (null argument, client without sync, chunk size 0,
  * len 0, queues missing); -4 out of memory.
  */
@@ -115,6 +120,9 @@ PAVO_EXPORT int pavo_ipc_client_send_sync_with_callback(pavo_ipc_client* handle,
 /*
  * Creates a server end: creates (or opens) the request queue `key` and, when
  * `sync` is nonzero, the reply queue key + 1, and starts the receive thread.
+ * The receive thread takes a dropped message (malformed, out of sequence,
+ * longer than 16384 bytes) off the queue up to its final frame, and makes
+ * its queues again when they are removed from the system.
  * Writes the handle to *handle_out on success.
  * Returns 0; -3 (null handle_out, queue cannot be created); -4; -5.
  */
@@ -152,8 +160,10 @@ PAVO_EXPORT int pavo_ipc_server_unregister_callback(pavo_ipc_server* handle);
  * gathers their payload into *text (a malloc'ed buffer of *capacity bytes,
  * grown with realloc as needed; the new size is stored back). The text is
  * NUL-terminated; `frame` (at least PAVO_IPC_FRAME_BUFFER_SIZE(chunk_size)
- * bytes) holds the header of the final frame afterwards. A message of more
- * than 16384 bytes, or a malformed frame, is dropped.
+ * bytes) holds the header of the final frame afterwards. A frame with seq_no
+ * 1 starts a message. A message of more than 16384 bytes, or one with a
+ * malformed or out-of-sequence frame, is dropped once its final frame has
+ * been taken off the queue; a frame too short for its header is ignored.
  * Returns 0; -1 receive failure or dropped message; -3 null frame or text
  * pointer, capacity below 1; -4 out of memory (the buffer is left as it was).
  */

@@ -1,8 +1,8 @@
 // Client end: one-way sends and synchronous request/reply exchanges.
 #include <sys/msg.h>
 
-#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -10,6 +10,7 @@
 #include "base/callback_guard.h"
 #include "base/deleters.h"
 #include "base/result_codes.h"
+#include "ipc/diagnostics.h"
 #include "ipc/framing.h"
 #include "ipc/reply_deadline.h"
 #include "ipc/sys_errors.h"
@@ -21,33 +22,44 @@ using pavo::kNoMemory;
 using pavo::kOk;
 using pavo::ipc::kMaxMessage;
 
-// Thread-safe: `lock` serialises every send on the handle; a synchronous
-// exchange holds it from opening the queues until the reply is in, so there
-// is one request in flight per handle and its reply is the next message of
-// the handle's msg_type on the reply queue.
+// Thread-safe: `lock` serialises every send on the handle and guards every
+// field below it; a synchronous exchange holds it from opening the queues
+// until the reply is in, so there is one request in flight per handle and its
+// reply is the next message of the handle's msg_type on the reply queue.
+//
+// Frames carry no request number. A request whose wait ended before its reply
+// (time-out) leaves that reply owed: while a reply is owed the handle sends
+// no new request; the next caller first waits, within its own time bound,
+// for the owed reply and discards it, and fails with -1 without sending when
+// it does not come (the service is hung). So a reply is never taken for the
+// answer to another request.
 struct pavo_ipc_client {
   key_t key = 0;
   int msg_type = 0;
-  int queue_id = -1;       // guarded by lock
-  std::mutex lock;
-  key_t reply_key = 0;
-  int reply_queue_id = -1;  // guarded by lock
   int sync = 0;
   uint32_t chunk_size = 0;
-  // Complete messages of this handle's type that are expected to reach the
-  // reply queue unasked (the late reply of a timed-out exchange, a deadline
-  // frame that lost the race with the reply); drained before the next
-  // request. Guarded by lock.
-  int stale_messages = 0;
+  key_t reply_key = 0;
+
+  std::mutex lock;
+  int queue_id = -1;
+  int reply_queue_id = -1;
+  // The reply queue was opened and not yet cleared of what an ended process
+  // may have left there (a late reply, a deadline frame).
+  bool reply_queue_fresh = false;
+  int owed_replies = 0;  // complete replies still to come for ended waits
+  // The handle's frame and reply text buffers, made at the first send and
+  // kept: a send or an exchange allocates nothing else but the caller's copy
+  // of the reply text.
+  pavo::MallocPtr<pavo::ipc::pavo_ipc_frame> frame;
+  pavo::MallocPtr<char> text;
+  uint32_t text_capacity = 0;
+  pavo::ipc::DeadlineSlot deadline;
 };
 
 namespace pavo::ipc {
 namespace {
 
 constexpr int kQueuePermissions = 0666;
-
-using FrameBuffer = MallocPtr<pavo_ipc_frame>;
-using TextBuffer = MallocPtr<char>;
 
 // Opens the queues that are not open yet. REQUIRES: client->lock held.
 bool open_queues(pavo_ipc_client* client) {
@@ -58,82 +70,172 @@ bool open_queues(pavo_ipc_client* client) {
   if (client->sync && client->reply_queue_id < 0) {
     client->reply_queue_id = msgget(client->reply_key, kQueuePermissions);
     if (client->reply_queue_id < 0) return false;
+    client->reply_queue_fresh = true;
   }
   return true;
 }
 
-// A queue that was removed (a restarted service recreates it under the same
-// key) is opened anew at the next send. REQUIRES: client->lock held.
+// A queue that was removed is opened anew (a restarted service creates it
+// again under the same key); what was owed on it went with it.
+// REQUIRES: client->lock held.
 void forget_queues(pavo_ipc_client* client) {
   client->queue_id = -1;
   client->reply_queue_id = -1;
-  client->stale_messages = 0;
+  client->owed_replies = 0;
+}
+
+// Makes the handle's buffers. REQUIRES: client->lock held.
+bool ensure_buffers(pavo_ipc_client* client, bool with_text) {
+  const uint32_t n = client->chunk_size;
+  if (!client->frame) {
+    client->frame.reset(static_cast<pavo_ipc_frame*>(std::malloc(frame_buffer_size(n))));
+    if (!client->frame) return false;
+  }
+  if (with_text && !client->text) {
+    client->text.reset(static_cast<char*>(std::malloc(std::size_t{n} + 1)));
+    if (!client->text) return false;
+    client->text_capacity = n + 1;
+  }
+  return true;
+}
+
+// Sends on the request queue; a queue found removed is opened again and the
+// message sent once more. Returns kOk, kBadArgument (no queue to open) or
+// kFailed. REQUIRES: client->lock held, queues open, buffers made.
+int send_reopening(pavo_ipc_client* client, const pavo_ipc_msg* message, int kind) {
+  for (int attempt = 0;; ++attempt) {
+    const SendOutcome sent =
+        send_message(client->queue_id, client->msg_type, client->chunk_size, message, kind, client->frame.get());
+    if (sent.code != kOk) return kFailed;
+    if (!sent.queue_gone) return kOk;
+    forget_queues(client);
+    if (attempt > 0) return kFailed;
+    if (!open_queues(client)) return kBadArgument;
+  }
+}
+
+enum class Wait {
+  kMessage,   // a complete message: client->text, got.length, client->frame's header
+  kDropped,   // a message was dropped (its final frame is taken): got.code
+  kTimedOut,  // this wait's deadline frame came first
+  kGone,      // the reply queue was removed
+  kFailed,    // msgrcv failed otherwise
+};
+
+// Waits for the next message of the handle's type on the reply queue until
+// `deadline` (none when `bounded` is false). Deadline frames of other waits
+// (stale ones) are taken off and ignored. REQUIRES: client->lock held.
+Wait next_message(pavo_ipc_client* client, bool bounded, Clock::time_point deadline, ReceiveOutcome* got) {
+  const uint64_t token =
+      bounded ? arm_reply_deadline(&client->deadline, client->reply_queue_id, client->msg_type, deadline) : 0;
+  Wait result;
+  for (;;) {
+    char* text = client->text.release();
+    *got = receive_message(client->reply_queue_id, client->msg_type, client->chunk_size, client->frame.get(),
+                           &text, &client->text_capacity);
+    client->text.reset(text);
+    if (got->code == kOk && client->frame->kind == IPC_MSG_REPLY_DEADLINE) {
+      if (bounded && deadline_token(text, got->length) == token) {
+        result = Wait::kTimedOut;
+        break;
+      }
+      continue;  // stale: a frame that lost the race with a reply, or an ended process's
+    }
+    if (got->code == kOk) {
+      result = Wait::kMessage;
+    } else if (got->err == 0) {
+      result = Wait::kDropped;
+    } else {
+      result = queue_gone(got->err) ? Wait::kGone : Wait::kFailed;
+    }
+    break;
+  }
+  if (bounded) disarm_reply_deadline(&client->deadline);  // a frame that fired late is stale now
+  return result;
+}
+
+// Takes the owed replies off the reply queue. Returns false when one has not
+// come by `deadline` (or the queue failed): no request may be sent then.
+// REQUIRES: client->lock held.
+bool settle_owed(pavo_ipc_client* client, bool bounded, Clock::time_point deadline) {
+  while (client->owed_replies > 0) {
+    ReceiveOutcome got;
+    switch (next_message(client, bounded, deadline, &got)) {
+      case Wait::kMessage:
+      case Wait::kDropped:
+        --client->owed_replies;
+        break;
+      case Wait::kTimedOut:
+        report(Stream::kErr, "ipc: the reply owed on queue key 0x%x has not come; request not sent\n",
+               static_cast<unsigned>(client->reply_key));
+        return false;
+      case Wait::kGone:
+        forget_queues(client);
+        return false;
+      case Wait::kFailed:
+        return false;
+    }
+  }
+  return true;
 }
 
 struct Reply {
-  TextBuffer text;
-  uint32_t length = 0;  // bytes received
-  int32_t kind = 0;     // kind of the final frame
-  bool sent = false;    // the request went out (so a failure is one of the wait)
+  MallocPtr<char> text;  // the caller's copy
+  uint32_t length = 0;   // bytes received
+  int32_t kind = 0;      // kind of the final frame
+  bool waited = false;   // a wait began (so a failure is one of the wait)
 };
 
-// Sends `request` as a kind-2 message and waits for the reply.
-// REQUIRES: arguments checked; client->sync set.
+// Sends `request` as a kind-2 message and waits for the reply, all within
+// one time bound. REQUIRES: arguments checked; client->sync set.
 int exchange(pavo_ipc_client* client, const pavo_ipc_msg* request, Reply* reply) {
   std::lock_guard<std::mutex> guard(client->lock);
   if (!open_queues(client)) return kBadArgument;
   if (request->len > kMaxMessage) return kFailed;
-
-  const uint32_t n = client->chunk_size;
-  FrameBuffer frame(static_cast<pavo_ipc_frame*>(std::calloc(1, frame_buffer_size(n))));
-  if (!frame) return kNoMemory;
-  uint32_t capacity = n + 1;
-  TextBuffer text(static_cast<char*>(std::calloc(1, capacity)));
-  if (!text) return kNoMemory;
-
-  if (client->stale_messages > 0) {
-    const int drained = drain_frames(client->reply_queue_id, client->msg_type, n, frame.get());
-    client->stale_messages = drained >= client->stale_messages ? 0 : client->stale_messages - drained;
-  }
-
-  const SendOutcome sent = send_message(client->queue_id, client->msg_type, n, request,
-                                        IPC_MSG_SYNC_REQUEST);
-  if (sent.code != kOk) return sent.code == kNoMemory ? kNoMemory : kFailed;
-  if (sent.queue_gone) {
-    forget_queues(client);
-    return kFailed;  // nobody can answer a request that reached no queue
-  }
-  reply->sent = true;
+  if (!ensure_buffers(client, true)) return kNoMemory;
 
   const auto timeout = reply_timeout();
   const bool bounded = timeout.count() > 0;
-  const uint64_t token =
-      bounded ? arm_reply_deadline(client->reply_queue_id, client->msg_type, Clock::now() + timeout) : 0;
-  char* raw = text.release();
-  const ReceiveOutcome got =
-      receive_message(client->reply_queue_id, client->msg_type, n, frame.get(), &raw, &capacity);
-  text.reset(raw);
-  const bool deadline_fired = bounded && disarm_reply_deadline(token);
+  const Clock::time_point deadline = bounded ? Clock::now() + timeout : Clock::time_point::max();
+  if (client->reply_queue_fresh) {
+    // Nothing queued before this handle's first request can answer it.
+    drain_frames(client->reply_queue_id, client->msg_type, client->chunk_size, client->frame.get());
+    client->reply_queue_fresh = false;
+  }
+  reply->waited = true;
+  if (!settle_owed(client, bounded, deadline)) return kFailed;
+  reply->waited = false;
+  const int sent = send_reopening(client, request, IPC_MSG_SYNC_REQUEST);
+  if (sent != kOk) return sent;
+  if (client->reply_queue_fresh) {
+    // Reopened after a removal: the new queue holds nothing for us yet.
+    drain_frames(client->reply_queue_id, client->msg_type, client->chunk_size, client->frame.get());
+    client->reply_queue_fresh = false;
+  }
+  reply->waited = true;
 
-  if (got.code != kOk) {
-    if (queue_gone(got.err)) {
+  ReceiveOutcome got;
+  switch (next_message(client, bounded, deadline, &got)) {
+    case Wait::kMessage:
+      break;
+    case Wait::kDropped:
+      return got.code == kNoMemory ? kNoMemory : kFailed;
+    case Wait::kTimedOut:
+      report(Stream::kErr, "ipc: no reply on queue key 0x%x within %lld ms\n",
+             static_cast<unsigned>(client->reply_key), static_cast<long long>(timeout.count()));
+      ++client->owed_replies;  // the reply, or the rest of it, may still come
+      return kFailed;
+    case Wait::kGone:
       forget_queues(client);
-    } else if (deadline_fired) {
-      ++client->stale_messages;
-    }
-    return got.code == kNoMemory ? kNoMemory : kFailed;
+      return kFailed;
+    case Wait::kFailed:
+      return kFailed;
   }
-  if (frame->kind == IPC_MSG_REPLY_DEADLINE) {
-    std::fprintf(stderr, "ipc: no reply on queue key 0x%x within %lld ms\n",
-                 static_cast<unsigned>(client->reply_key), static_cast<long long>(timeout.count()));
-    ++client->stale_messages;  // the reply, or the rest of it, may still come
-    return kFailed;
-  }
-  if (deadline_fired) ++client->stale_messages;  // its frame waits behind the reply
-
-  reply->text = std::move(text);
+  reply->text.reset(static_cast<char*>(std::malloc(std::size_t{got.length} + 1)));
+  if (!reply->text) return kNoMemory;
+  std::memcpy(reply->text.get(), client->text.get(), std::size_t{got.length} + 1);
   reply->length = got.length;
-  reply->kind = frame->kind;
+  reply->kind = client->frame->kind;
   return kOk;
 }
 
@@ -169,13 +271,12 @@ PAVO_EXPORT int pavo_ipc_client_destroy(pavo_ipc_client* handle) {
 PAVO_EXPORT int pavo_ipc_client_send(pavo_ipc_client* handle, pavo_ipc_msg* message) {
   if (handle == nullptr || message == nullptr || message->len == 0 || message->data == nullptr)
     return kBadArgument;
+  if (handle->chunk_size == 0) return kBadArgument;
   std::lock_guard<std::mutex> guard(handle->lock);
   if (!pavo::ipc::open_queues(handle)) return kBadArgument;
   if (message->len > kMaxMessage) return kFailed;
-  const pavo::ipc::SendOutcome sent = pavo::ipc::send_message(
-      handle->queue_id, handle->msg_type, handle->chunk_size, message, pavo::ipc::IPC_MSG_ASYNC);
-  if (sent.queue_gone) pavo::ipc::forget_queues(handle);
-  return sent.code == kOk && !sent.queue_gone ? kOk : kFailed;
+  if (!pavo::ipc::ensure_buffers(handle, false)) return kNoMemory;
+  return pavo::ipc::send_reopening(handle, message, pavo::ipc::IPC_MSG_ASYNC);
 }
 
 PAVO_EXPORT int pavo_ipc_client_send_sync_with_params(pavo_ipc_client* handle, pavo_ipc_msg* request,
@@ -185,7 +286,7 @@ PAVO_EXPORT int pavo_ipc_client_send_sync_with_params(pavo_ipc_client* handle, p
   pavo::ipc::Reply reply;
   const int rc = pavo::ipc::exchange(handle, request, &reply);
   if (rc != kOk) {
-    if (reply.sent) reply_out->data = nullptr;
+    if (reply.waited) reply_out->data = nullptr;
     return rc;
   }
   // A no-reply answer leaves len as the caller set it; its text is "a".

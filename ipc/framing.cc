@@ -5,14 +5,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cerrno>
-#include <cstdio>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "base/deleters.h"
+#include "ipc/diagnostics.h"
+#include "ipc/reassembly.h"
 #include "ipc/sys_errors.h"
 
 namespace pavo::ipc {
@@ -54,7 +54,7 @@ int resend(int queue_id, pavo_ipc_frame* frame, uint32_t chunk_size) {
     usleep(kResendPause);
     err = try_send(queue_id, frame, chunk_size);
     if (err == 0) return 0;
-    if (err == EAGAIN) puts("\n###### resend msgsnd EAGAIN ######");
+    if (err == EAGAIN) report(Stream::kOut, "\n###### resend msgsnd EAGAIN ######\n");
     if (queue_gone(err)) break;  // no resend can reach a removed queue
   }
   return err;
@@ -67,16 +67,16 @@ int send_frame(int queue_id, pavo_ipc_frame* frame, uint32_t chunk_size, bool fi
   if (err == 0) return 0;
   usleep(kResendPause);
   if (err == EAGAIN) {
-    puts("\n###### msgsnd EAGAIN ######");
+    report(Stream::kOut, "\n###### msgsnd EAGAIN ######\n");
   } else if (final_frame || queue_gone(err)) {
     return err;  // the final frame is resent only when the queue was full
   }
   return resend(queue_id, frame, chunk_size);
 }
 
-void print_receive_failure(ssize_t res, int err) {
-  std::fprintf(stderr, "SERVER msgrcv res:%d, errno:%d, strerror:%s\n", static_cast<int>(res), err,
-               std::strerror(err));
+void report_receive_failure(ssize_t res, int err) {
+  report(Stream::kErr, "SERVER msgrcv res:%d, errno:%d, strerror:%s\n", static_cast<int>(res), err,
+         std::strerror(err));
 }
 
 // msgrcv that repeats itself after a signal.
@@ -91,44 +91,36 @@ ssize_t receive_frame(int queue_id, pavo_ipc_frame* frame, uint32_t chunk_size, 
 }  // namespace
 
 SendOutcome send_message(int queue_id, long mtype, uint32_t chunk_size, const pavo_ipc_msg* message,
-                         int kind) {
+                         int kind, pavo_ipc_frame* frame) {
   SendOutcome out;
   if (message == nullptr || chunk_size == 0 || mtype < 0 ||
       (message->data == nullptr && message->len != 0)) {
     out.code = kBadArgument;
     return out;
   }
-  MallocPtr<pavo_ipc_frame> frame(
-      static_cast<pavo_ipc_frame*>(std::calloc(1, frame_buffer_size(chunk_size))));
-  if (!frame) {
-    int err = errno;
-    std::fprintf(stderr, "malloc failed, errno:%d, strerr:%s\n", err, std::strerror(err));
-    out.code = kNoMemory;
-    return out;
-  }
   frame->mtype = mtype;
   frame->kind = kind;
   frame->total_len = message->len;
   frame->seq_no = 0;
-  frame->is_last = 0;
   frame->reserved_one = 1;
   frame->reserved_zero = 0;
 
   const std::size_t per_chunk = chunk_payload(chunk_size);
+  const std::size_t payload_bytes = frame_buffer_size(chunk_size) - kPayloadOffset;
   std::size_t remaining = message->len;
   std::size_t offset = 0;
   for (;;) {
-    // Clear what the previous chunk left, so the bytes behind chunk_len are zero.
-    std::memset(frame->payload, 0, per_chunk);
     ++frame->seq_no;
     const std::size_t take = std::min(per_chunk, remaining);
     if (take > 0) std::memcpy(frame->payload, message->data + offset, take);
+    // Every payload byte is written once per chunk: the chunk, then zeros.
+    std::memset(frame->payload + take, 0, payload_bytes - take);
     frame->chunk_len = static_cast<uint32_t>(take);
     offset += take;
     remaining -= take;
     const bool final_frame = remaining == 0;
     frame->is_last = final_frame ? 1 : 0;
-    const int err = send_frame(queue_id, frame.get(), chunk_size, final_frame);
+    const int err = send_frame(queue_id, frame, chunk_size, final_frame);
     if (queue_gone(err)) {
       out.queue_gone = true;
       return out;
@@ -145,60 +137,34 @@ ReceiveOutcome receive_message(int queue_id, long mtype, uint32_t chunk_size, pa
     out.code = kBadArgument;
     return out;
   }
-  uint32_t cap = *capacity;
-  std::size_t offset = 0;
-  std::size_t room = cap;
+  Reassembly message(mtype, chunk_size, text, capacity);
   for (;;) {
-    std::memset(frame, 0, kPayloadOffset + chunk_payload(chunk_size));
-    const ssize_t n = receive_frame(queue_id, frame, chunk_size, mtype, 0);
+    ssize_t n = receive_frame(queue_id, frame, chunk_size, mtype, 0);
+    bool oversized = false;
     if (n < 0) {
       out.err = errno;
-      print_receive_failure(n, out.err);
-      if (out.err == E2BIG) {
-        // An oversized frame stays at the head of the queue and would fail
-        // every receive after it: take it off, cut to our buffer.
-        receive_frame(queue_id, frame, chunk_size, mtype, MSG_NOERROR | IPC_NOWAIT);
-      }
-      out.code = kFailed;
-      return out;
-    }
-    // The header is untrusted: chunk_len must fit both the payload that a
-    // frame of this chunk size carries and the bytes that actually arrived.
-    const std::size_t arrived = static_cast<std::size_t>(n);
-    const std::size_t chunk_len = frame->chunk_len;
-    if (arrived < kHeaderTextBytes || chunk_len > chunk_payload(chunk_size) ||
-        chunk_len > arrived - kHeaderTextBytes) {
-      std::fprintf(stderr, "ipc: dropped a malformed frame (%zu bytes, chunk_len %zu)\n", arrived,
-                   chunk_len);
-      out.code = kFailed;
-      return out;
-    }
-    if (offset + chunk_len > kMaxMessage) {
-      std::fprintf(stderr, "ipc: dropped a message longer than %u bytes\n", kMaxMessage);
-      out.code = kFailed;
-      return out;
-    }
-    if (chunk_len >= room) {
-      // Doubling less one keeps one byte free for the terminating NUL.
-      std::size_t grown = std::max<std::size_t>(2 * std::size_t{cap} - 1, offset + chunk_len + 1);
-      char* bigger = static_cast<char*>(std::realloc(*text, grown));
-      if (bigger == nullptr) {
-        out.code = kNoMemory;
+      report_receive_failure(n, out.err);
+      if (out.err != E2BIG) {
+        out.code = kFailed;
         return out;
       }
-      *text = bigger;
-      room += grown - cap;
-      cap = static_cast<uint32_t>(grown);
-      *capacity = cap;
+      // An oversized frame stays at the head of the queue and would fail
+      // every receive after it: take it off, cut to our buffer, and drop its
+      // message with it.
+      n = receive_frame(queue_id, frame, chunk_size, mtype, MSG_NOERROR | IPC_NOWAIT);
+      if (n < 0) continue;  // taken by another reader meanwhile
+      oversized = true;
     }
-    std::memcpy(*text + offset, frame->payload, chunk_len);
-    offset += chunk_len;
-    room -= chunk_len;
-    if (frame->is_last) {
-      (*text)[offset] = '\0';
-      *capacity = cap;
-      out.length = static_cast<uint32_t>(offset);
-      return out;
+    switch (message.add(*frame, static_cast<std::size_t>(n), oversized)) {
+      case Reassembly::Step::kMore:
+        break;
+      case Reassembly::Step::kComplete:
+        out.err = 0;
+        out.length = message.length();
+        return out;
+      case Reassembly::Step::kDropped:
+        out.code = message.failure();
+        return out;
     }
   }
 }
@@ -217,7 +183,16 @@ extern "C" {
 
 PAVO_EXPORT int ipc_snd_internal(int queue_id, long mtype, uint32_t chunk_size, pavo_ipc_msg* message,
                                  int kind) {
-  return pavo::ipc::send_message(queue_id, mtype, chunk_size, message, kind).code;
+  if (message == nullptr || chunk_size == 0 || mtype < 0) return pavo::kBadArgument;
+  pavo::MallocPtr<pavo::ipc::pavo_ipc_frame> frame(
+      static_cast<pavo::ipc::pavo_ipc_frame*>(std::malloc(pavo::ipc::frame_buffer_size(chunk_size))));
+  if (!frame) {
+    const int err = errno;
+    pavo::ipc::report(pavo::ipc::Stream::kErr, "malloc failed, errno:%d, strerr:%s\n", err,
+                      std::strerror(err));
+    return pavo::kNoMemory;
+  }
+  return pavo::ipc::send_message(queue_id, mtype, chunk_size, message, kind, frame.get()).code;
 }
 
 PAVO_EXPORT int ipc_rcv_internal(int queue_id, long mtype, uint32_t chunk_size, void* frame, char** text,

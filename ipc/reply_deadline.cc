@@ -3,11 +3,12 @@
 #include <pthread.h>
 #include <sys/msg.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <map>
+#include <cstring>
 
 #include "base/mutex_lock.h"
 #include "ipc/frame.h"
@@ -26,16 +27,21 @@ std::atomic<long long> g_reply_timeout_ms{PAVO_IPC_REPLY_TIMEOUT_MS};
 // again after this pause.
 constexpr auto kRetryPause = std::chrono::milliseconds(10);
 
+constexpr uint32_t kTokenBytes = sizeof(uint64_t);
+
 // Queues the frame that ends a blocked wait. Returns 0 or errno.
-int queue_deadline_frame(int queue_id, long mtype) {
-  alignas(pavo_ipc_frame) unsigned char buffer[kPayloadOffset + 4] = {};
+int queue_deadline_frame(int queue_id, long mtype, uint64_t token) {
+  alignas(pavo_ipc_frame) unsigned char buffer[kPayloadOffset + kTokenBytes] = {};
   auto* frame = reinterpret_cast<pavo_ipc_frame*>(buffer);
   frame->mtype = mtype;
   frame->kind = IPC_MSG_REPLY_DEADLINE;
+  frame->total_len = kTokenBytes;
   frame->seq_no = 1;
   frame->is_last = 1;
   frame->reserved_one = 1;
-  if (msgsnd(queue_id, frame, kHeaderTextBytes + 4, IPC_NOWAIT) == 0) return 0;
+  frame->chunk_len = kTokenBytes;
+  std::memcpy(frame->payload, &token, kTokenBytes);
+  if (msgsnd(queue_id, frame, kHeaderTextBytes + kTokenBytes, IPC_NOWAIT) == 0) return 0;
   return errno;
 }
 
@@ -55,10 +61,17 @@ class Watchdog {
     return watchdog;
   }
 
-  uint64_t arm(int queue_id, long mtype, Clock::time_point deadline) {
+  uint64_t arm(DeadlineSlot* slot, int queue_id, long mtype, Clock::time_point deadline) {
     MutexLock lock(&mu_);
-    const uint64_t token = next_token_++;
-    entries_[token] = Entry{queue_id, mtype, deadline, false};
+    slot->queue_id = queue_id;
+    slot->mtype = mtype;
+    slot->deadline = deadline;
+    slot->token = next_token();
+    slot->fired = false;
+    slot->prev = nullptr;
+    slot->next = armed_;
+    if (armed_ != nullptr) armed_->prev = slot;
+    armed_ = slot;
     if (!started_) {
       started_ = pthread_create(&thread_, nullptr, &Watchdog::main, this) == 0;
       next_wake_ = Clock::time_point::min();
@@ -67,26 +80,22 @@ class Watchdog {
       // half a time-out, so deadlines armed later never come before its wake-up.
       pthread_cond_signal(&cv_);
     }
-    return token;
+    return slot->token;
   }
 
-  bool disarm(uint64_t token) {
+  bool disarm(DeadlineSlot* slot) {
     MutexLock lock(&mu_);
-    auto it = entries_.find(token);
-    if (it == entries_.end()) return false;
-    const bool fired = it->second.fired;
-    entries_.erase(it);
-    return fired;
+    if (slot->prev != nullptr) {
+      slot->prev->next = slot->next;
+    } else if (armed_ == slot) {
+      armed_ = slot->next;
+    }
+    if (slot->next != nullptr) slot->next->prev = slot->prev;
+    slot->prev = slot->next = nullptr;
+    return slot->fired;
   }
 
  private:
-  struct Entry {
-    int queue_id;
-    long mtype;
-    Clock::time_point deadline;
-    bool fired;
-  };
-
   Watchdog() {
     init_sync();
     pthread_atfork(&Watchdog::before_fork, &Watchdog::after_fork_parent, &Watchdog::after_fork_child);
@@ -114,16 +123,33 @@ class Watchdog {
     pthread_condattr_destroy(&attr);
   }
 
+  // Tokens name the process (high half) and the wait (low half, counted from
+  // a clock-derived start, so that a later process that gets the same
+  // process id does not reuse the tokens of an ended one). Never 0.
+  // REQUIRES: mu_ held.
+  uint64_t next_token() {
+    if (pid_ == 0) {
+      pid_ = static_cast<uint32_t>(getpid());
+      counter_ = static_cast<uint32_t>(Clock::now().time_since_epoch().count());
+    }
+    uint64_t token;
+    do {
+      token = (uint64_t{pid_} << 32) | ++counter_;
+    } while (token == 0);
+    return token;
+  }
+
   // The mutex is held across fork so that the child gets it in a known state.
   // The child has no watchdog thread and none of the parent's waits: it
-  // starts afresh.
+  // starts afresh, with tokens of its own.
   static void before_fork() { pthread_mutex_lock(&instance().mu_); }
   static void after_fork_parent() { pthread_mutex_unlock(&instance().mu_); }
   static void after_fork_child() {
     Watchdog& w = instance();
     w.init_sync();
-    w.entries_.clear();
+    w.armed_ = nullptr;
     w.started_ = false;
+    w.pid_ = 0;
   }
 
   static void* main(void* self) {
@@ -137,15 +163,15 @@ class Watchdog {
       const Clock::time_point now = Clock::now();
       const auto idle = std::max<Clock::duration>(reply_timeout() / 2, std::chrono::milliseconds(1));
       Clock::time_point next = now + idle;
-      for (auto& [token, entry] : entries_) {
-        if (entry.fired) continue;
-        if (entry.deadline > now) {
-          next = std::min(next, entry.deadline);
+      for (DeadlineSlot* slot = armed_; slot != nullptr; slot = slot->next) {
+        if (slot->fired) continue;
+        if (slot->deadline > now) {
+          next = std::min(next, slot->deadline);
           continue;
         }
-        const int err = queue_deadline_frame(entry.queue_id, entry.mtype);
+        const int err = queue_deadline_frame(slot->queue_id, slot->mtype, slot->token);
         if (err == 0 || queue_gone(err)) {
-          entry.fired = true;  // a removed queue ends the wait by itself
+          slot->fired = true;  // a removed queue ends the wait by itself
         } else {
           next = std::min(next, now + kRetryPause);
         }
@@ -158,11 +184,12 @@ class Watchdog {
 
   pthread_mutex_t mu_;
   pthread_cond_t cv_;
-  std::map<uint64_t, Entry> entries_;  // guarded by mu_
-  uint64_t next_token_ = 1;            // guarded by mu_
-  Clock::time_point next_wake_;        // guarded by mu_
-  bool started_ = false;               // guarded by mu_
-  bool stopping_ = false;              // guarded by mu_
+  DeadlineSlot* armed_ = nullptr;  // guarded by mu_: the armed slots
+  uint32_t pid_ = 0;               // guarded by mu_
+  uint32_t counter_ = 0;           // guarded by mu_
+  Clock::time_point next_wake_;    // guarded by mu_
+  bool started_ = false;           // guarded by mu_
+  bool stopping_ = false;          // guarded by mu_
   pthread_t thread_{};
 };
 
@@ -176,10 +203,17 @@ void set_reply_timeout_for_testing(std::chrono::milliseconds timeout) {
   g_reply_timeout_ms.store(timeout.count(), std::memory_order_relaxed);
 }
 
-uint64_t arm_reply_deadline(int reply_queue_id, long mtype, Clock::time_point deadline) {
-  return Watchdog::instance().arm(reply_queue_id, mtype, deadline);
+uint64_t arm_reply_deadline(DeadlineSlot* slot, int reply_queue_id, long mtype, Clock::time_point deadline) {
+  return Watchdog::instance().arm(slot, reply_queue_id, mtype, deadline);
 }
 
-bool disarm_reply_deadline(uint64_t token) { return Watchdog::instance().disarm(token); }
+bool disarm_reply_deadline(DeadlineSlot* slot) { return Watchdog::instance().disarm(slot); }
+
+uint64_t deadline_token(const char* text, uint32_t length) {
+  if (text == nullptr || length != kTokenBytes) return 0;
+  uint64_t token;
+  std::memcpy(&token, text, kTokenBytes);
+  return token;
+}
 
 }  // namespace pavo::ipc

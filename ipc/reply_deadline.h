@@ -7,11 +7,13 @@
 // frame of kind IPC_MSG_REPLY_DEADLINE with the waiting client's message
 // type on the client's own reply queue, which ends the blocking receive.
 //
-// A deadline that fired while the real reply arrived anyway leaves its frame
-// in the queue: disarm() reports it so that the client drains it before its
-// next request.
+// Each deadline frame carries a token that names the process and the wait
+// it ends (8 payload bytes). A waiting client takes only the frame of its
+// current wait as its time-out; any other deadline frame is stale (a frame
+// that lost the race with the real reply, or one left behind by a process
+// that ended during a wait) and is ignored.
 //
-// Thread-safe. The watchdog starts at the first arm() and ends when the
+// Thread-safe. The watchdog starts at the first arm and ends when the
 // library is unloaded; a forked child starts its own when it needs one.
 #ifndef PAVO_IPC_REPLY_DEADLINE_H
 #define PAVO_IPC_REPLY_DEADLINE_H
@@ -30,13 +32,37 @@ std::chrono::milliseconds reply_timeout();
 // Test hook (not exported): replaces the reply time-out of this process.
 void set_reply_timeout_for_testing(std::chrono::milliseconds timeout);
 
-// Arms a deadline for a wait on `reply_queue_id` for frames of `mtype`.
-// Returns a token for disarm().
-uint64_t arm_reply_deadline(int reply_queue_id, long mtype, Clock::time_point deadline);
+// One client's fixed place in the watchdog, armed for at most one wait at a
+// time: arming links it into the watchdog's list and disarming unlinks it,
+// so a wait allocates nothing. Owned by the client; its fields are the
+// watchdog's (guarded by the watchdog's mutex).
+struct DeadlineSlot {
+  DeadlineSlot() = default;
+  DeadlineSlot(const DeadlineSlot&) = delete;
+  DeadlineSlot& operator=(const DeadlineSlot&) = delete;
 
-// Disarms a deadline. Returns true when it had fired already: a deadline
-// frame was queued (or the queue had gone) and may still wait in the queue.
-bool disarm_reply_deadline(uint64_t token);
+  int queue_id = -1;
+  long mtype = 0;
+  Clock::time_point deadline;
+  uint64_t token = 0;
+  bool fired = false;
+  DeadlineSlot* prev = nullptr;
+  DeadlineSlot* next = nullptr;
+};
+
+// Arms `slot` for a wait on `reply_queue_id` for frames of `mtype`.
+// Returns the token that this wait's deadline frame carries.
+// REQUIRES: slot not armed.
+uint64_t arm_reply_deadline(DeadlineSlot* slot, int reply_queue_id, long mtype, Clock::time_point deadline);
+
+// Disarms `slot`. Returns true when its deadline had fired: a deadline frame
+// was queued (or the queue had gone). After it returns no frame with the
+// slot's token is queued any more. REQUIRES: slot armed.
+bool disarm_reply_deadline(DeadlineSlot* slot);
+
+// Reads the token of a complete deadline message (its text and length, as
+// reassembled). Returns 0 for a text that is not a deadline frame's.
+uint64_t deadline_token(const char* text, uint32_t length);
 
 }  // namespace pavo::ipc
 

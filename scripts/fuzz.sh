@@ -1,11 +1,13 @@
 #!/bin/sh
-# Builds the media-player client's libFuzzer target with clang, AddressSanitizer
-# and UndefinedBehaviorSanitizer in build/fuzz, and runs it for a bounded time.
+# Builds the libFuzzer targets (the media-player client's texts, the
+# transport's frame reassembly) with clang, AddressSanitizer and
+# UndefinedBehaviorSanitizer in build/fuzz, and runs each for its share of a
+# bounded time.
 #
-#   scripts/fuzz.sh [seconds]     (default 60)
+#   scripts/fuzz.sh [seconds]     (default 60: the total for all targets)
 #
-# Starts from the seed corpus in tests/fuzz/corpus; what the run adds goes to
-# build/fuzz/corpus, never into the repository. Exits non-zero on a finding
+# Each target starts from its seed corpus in tests/fuzz/corpus/<target>; what
+# the run adds goes to build/fuzz/corpus/<target>, never into the repository. Exits non-zero on a finding
 # (crash, leak, undefined behaviour, time-out of one input); the input that
 # caused it is written to build/fuzz/ as crash-*, leak-* or timeout-*.
 set -eu
@@ -26,10 +28,19 @@ cmake -S "$root" -B "$build" \
   -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" \
   -DPAVO_SANITIZE=address,undefined -DPAVO_BUILD_FUZZERS=ON \
   -DPAVO_BUILD_BENCHMARKS=OFF -DPAVO_BUILD_TOOLS=OFF
-cmake --build "$build" --target mediaplayer_ipc_fuzzer -j2
+targets="mediaplayer_ipc ipc_reassembly"
+set -- $targets
+share=$((seconds / $#))
+[ "$share" -gt 0 ] || share=1
+for target in $targets; do
+  cmake --build "$build" --target "${target}_fuzzer" -j2
+done
 
-mkdir -p "$build/corpus"
 cd "$build"
-exec ./tests/fuzz/mediaplayer_ipc_fuzzer -max_total_time="$seconds" -timeout=10 \
-  -rss_limit_mb=2048 -max_len=20000 -print_final_stats=1 \
-  "$build/corpus" "$root/tests/fuzz/corpus"
+for target in $targets; do
+  echo "=== ${target}_fuzzer, ${share} s"
+  mkdir -p "$build/corpus/$target"
+  ./tests/fuzz/"${target}_fuzzer" -max_total_time="$share" -timeout=10 \
+    -rss_limit_mb=2048 -max_len=20000 -print_final_stats=1 \
+    "$build/corpus/$target" "$root/tests/fuzz/corpus/$target"
+done

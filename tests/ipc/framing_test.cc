@@ -146,36 +146,71 @@ TEST(Framing, BadArgumentsAreRefused) {
   EXPECT_EQ(q.discard_all(), 0u);
 }
 
-// Each hostile message is dropped on its own (-1) and the message behind
-// them all arrives intact; memory stays bounded at 16384 bytes. A receive
-// passes over messages of another type.
-TEST(Framing, HostileFramesAreDroppedOneByOne) {
-  Queue q;
-  std::thread feeder([&] {
-    EXPECT_EQ(send(q, "for two", 2), 0);
-    q.put_raw({1, 5, 1, 1, 1, 0, 0}, kN + 104);      // bigger than N + 32: E2BIG, taken off
-    q.put_raw({1, 5, 1, 1, 1, 0, kN + 2}, kN + 4);   // claims more than a chunk carries
-    q.put_raw({1, 5, 1, 1, 1, 0, 0xffffffffu}, kN + 4);
-    q.put_raw({1, 5, 1, 1, 1, 0, 100}, 10);          // claims more than arrived
-    q.put_raw({1, 5, 1}, 0);                         // not even a whole header
-    for (int i = 0; i < 16; ++i) q.put_raw({1, 0, 1, 0, 1, 0, kN + 1}, kN + 4);  // never ends
-    EXPECT_EQ(send(q, "intact"), 0);
-    EXPECT_EQ(send(q, "spare"), 0);  // a miscount fails below instead of blocking
-  });
-  pavo::test::OutputCapture err(2);
-  for (int i = 0; i < 6; ++i) {
-    const Received r = receive(q);
-    EXPECT_EQ(r.rc, -1) << "message " << i;
+// Hostile frame sequences, each followed by a good message: every sequence
+// is dropped with its diagnostic (a receive returns -1 once per dropped
+// message), the rest of a dropped message is taken off up to its final frame
+// and never read as the start of the next one, and memory stays bounded at
+// 16384 bytes. A receive passes over messages of another type.
+TEST(Framing, HostileFramesAreDroppedAndTheNextMessageArrivesIntact) {
+  using Words = std::vector<uint32_t>;  // kind, total_len, seq_no, is_last, 1, 0, chunk_len
+  struct Put {
+    Words words;
+    size_t payload;
+  };
+  auto run_of = [](uint32_t frames, uint32_t chunk_len) {
+    std::vector<Put> run;
+    for (uint32_t i = 1; i <= frames; ++i) run.push_back({{1, 0, i, i == frames, 1, 0, chunk_len}, kN + 4});
+    return run;
+  };
+  std::vector<Put> too_long = run_of(17, kN + 1);  // 17425 bytes
+  std::vector<Put> malformed_middle = run_of(4, 10);
+  malformed_middle[1].words[6] = kN + 2;
+  std::vector<Put> gap = run_of(4, 10);
+  gap.erase(gap.begin() + 1);
+  std::vector<Put> never_ends = run_of(16, kN + 1);
+  for (Put& f : never_ends) f.words[2] = 1, f.words[3] = 0;  // every frame starts anew, none ends
+  const struct {
+    const char* name;
+    std::vector<Put> frames;
+    int failures;
+    const char* diagnostic;
+  } rows[] = {
+      {"oversized", {{{1, 5, 1, 1, 1, 0, 0}, kN + 104}}, 1, "SERVER msgrcv res:-1, errno:7,"},
+      {"oversized middle", {{{1, 9, 1, 0, 1, 0, 0}, kN + 104}, {{1, 9, 2, 1, 1, 0, 3}, kN + 4}}, 1, "malformed"},
+      {"chunk_len beyond a chunk", {{{1, 5, 1, 1, 1, 0, kN + 2}, kN + 4}}, 1, "malformed frame"},
+      {"chunk_len huge", {{{1, 5, 1, 1, 1, 0, 0xffffffffu}, kN + 4}}, 1, "malformed frame"},
+      {"chunk_len beyond what arrived", {{{1, 5, 1, 1, 1, 0, 100}, 10}}, 1, "malformed frame"},
+      {"kind out of range", {{{9, 5, 1, 1, 1, 0, 3}, kN + 4}}, 1, "malformed frame"},
+      {"shorter than a header", {{{1, 5, 1}, 0}}, 0, "shorter than its header"},
+      {"longer than 16384 bytes", too_long, 1, "longer than 16384"},
+      {"malformed in the middle", malformed_middle, 1, "malformed frame"},
+      {"a chunk missing", gap, 1, "out of sequence"},
+      {"no first chunk", {{{1, 5, 2, 1, 1, 0, 3}, kN + 4}}, 1, "out of sequence"},
+      {"never ends", never_ends, 0, "cut short"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    Queue q;
+    std::thread feeder([&] {
+      EXPECT_EQ(send(q, "for two", 2), 0);
+      for (const Put& f : row.frames) q.put_raw(f.words, f.payload);
+      EXPECT_EQ(send(q, "intact"), 0);
+    });
+    pavo::test::OutputCapture err(2);
+    Received r{};
+    int failures = 0;
+    while ((r = receive(q)).rc == -1 && failures < 5) {
+      ++failures;
+      EXPECT_LE(r.capacity, 16385u);
+    }
+    feeder.join();
+    EXPECT_EQ(r.rc, 0);
+    EXPECT_EQ(r.text, "intact");
     EXPECT_LE(r.capacity, 16385u);
-  }
-  feeder.join();
-  const Received r = receive(q);
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.text, "intact");
-  EXPECT_EQ(receive(q, 2).text, "for two");
-  const std::string printed = err.text();
-  for (const char* text : {"SERVER msgrcv res:-1, errno:7,", "malformed frame", "longer than 16384"}) {
-    EXPECT_NE(printed.find(text), std::string::npos) << text;
+    EXPECT_EQ(failures, row.failures);
+    EXPECT_EQ(receive(q, 2).text, "for two");
+    EXPECT_EQ(q.discard_all(), 0u);
+    EXPECT_NE(err.text().find(row.diagnostic), std::string::npos) << err.text();
   }
 }
 
