@@ -38,6 +38,16 @@ class ServiceProcess {
   // while starting and stopping).
   const std::string& output() const { return output_; }
   bool running() const { return pid_ > 0; }
+  pid_t pid() const { return pid_; }
+
+  // Faults for the reliability tests. kill_now() ends the service with
+  // SIGKILL and reaps it (its queues stay, as after a crash); suspend() and
+  // resume() stop and continue it (a hung service). reap() waits at most
+  // `limit` for a service that ends by itself; its exit status, or -1.
+  void kill_now();
+  void suspend();
+  void resume();
+  int reap(std::chrono::milliseconds limit);
 
  private:
   bool read_until(const std::string& line, std::chrono::steady_clock::time_point deadline);
