@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace pavo::e2e {
@@ -23,6 +24,9 @@ class ServiceProcess {
   ~ServiceProcess() { stop(); }
   ServiceProcess(const ServiceProcess&) = delete;
   ServiceProcess& operator=(const ServiceProcess&) = delete;
+
+  // Runs `command` in place of service_command() from the next start on.
+  void use_command(std::vector<std::string> command) { command_ = std::move(command); }
 
   // Starts `command` plus "--time-scale <scale>" and `extra` arguments,
   // pinned to `cpu` when it is not negative, and waits at most `limit` for
@@ -52,6 +56,7 @@ class ServiceProcess {
  private:
   bool read_until(const std::string& line, std::chrono::steady_clock::time_point deadline);
 
+  std::vector<std::string> command_ = service_command();
   pid_t pid_ = -1;
   int out_fd_ = -1;
   std::string output_;
