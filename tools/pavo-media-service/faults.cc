@@ -26,7 +26,7 @@ bool Faults::before_reply(int command) {
     released_cv_.wait(lock, [this] { return released_; });
     return false;
   }
-  if (options_.reply_delay_ms > 0) {
+  if (options_.reply_delay_ms > 0 && matches(options_.late_command, command)) {
     std::this_thread::sleep_for(std::chrono::milliseconds(options_.reply_delay_ms));
   }
   return true;

@@ -17,7 +17,8 @@ namespace pavo::service {
 struct FaultOptions {
   static constexpr int kNone = -1;
   static constexpr int kAnyCommand = -2;
-  int reply_delay_ms = 0;           // every reply leaves this much later
+  int reply_delay_ms = 0;           // replies to late_command leave this much later
+  int late_command = kAnyCommand;   // a command number or kAnyCommand
   int no_reply_command = kNone;     // a command number, kAnyCommand or kNone
   int exit_on_command = kNone;      // likewise
   unsigned drop_every_nth_event = 0;  // 0: none; 1: every event; N: every N-th

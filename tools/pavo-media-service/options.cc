@@ -18,6 +18,7 @@ const char* usage() {
          "  --help          this text\n"
          "Faults, for reliability tests (CMD: a command number, or \"any\"):\n"
          "  --reply-delay MS       send every reply MS milliseconds late\n"
+         "  --late-command CMD     ... only the replies to CMD (default: any)\n"
          "  --no-reply CMD         never answer CMD (the request thread stays with it)\n"
          "  --exit-on-request CMD  act on CMD, then exit with status 3 without answering\n"
          "  --drop-events N        drop every N-th event (1: every event)\n"
@@ -60,6 +61,8 @@ bool parse_fault(const std::string& arg, const char* value, FaultOptions* faults
   if (arg == "--reply-delay") {
     ok = ok && read_count(value, 0, 3600000, &n);
     faults->reply_delay_ms = static_cast<int>(n);
+  } else if (arg == "--late-command") {
+    ok = ok && read_command(value, &faults->late_command);
   } else if (arg == "--no-reply") {
     ok = ok && read_command(value, &faults->no_reply_command);
   } else if (arg == "--exit-on-request") {
