@@ -358,7 +358,6 @@ PAVO_EXPORT int pavo_ipc_client_destroy(pavo_ipc_client* handle) {
 PAVO_EXPORT int pavo_ipc_client_send(pavo_ipc_client* handle, pavo_ipc_msg* message) {
   if (handle == nullptr || message == nullptr || message->len == 0 || message->data == nullptr)
     return kBadArgument;
-  if (handle->chunk_size == 0) return kBadArgument;
   std::lock_guard<std::mutex> guard(handle->lock);
   if (!pavo::ipc::open_queues(handle)) return kBadArgument;
   if (message->len > kMaxMessage) return kFailed;
