@@ -209,6 +209,24 @@ TEST_F(ServiceFaults, HungServiceThatContinuesIsUsedAgain) {
   EXPECT_EQ(duration, 60000.0);
 }
 
+// A service whose events are all lost: requests still work and the object
+// stays in the state the page was last told (it cannot know what it missed).
+TEST_F(ServiceFaults, LostEventsLeaveRequestsWorking) {
+  ASSERT_TRUE(service_.start(kTimeScale, wait_limit(), {"--drop-events", "1"})) << service_.output();
+  void* av = new_object();
+  ASSERT_EQ(Pavo_AVCtrl_Load(av, "http://media.test/vod.mp4"), 0);
+  ASSERT_EQ(Pavo_AVCtrl_Play(av, 1.0), 0);
+  double duration = 0;
+  EXPECT_EQ(Pavo_AVCtrl_GetPlayTime(av, &duration), 0);
+  EXPECT_EQ(duration, 60000.0);
+  // Playing would be reported within about 25 ms.
+  PavoAVCtrlPlayState state = PAVO_AVCTRL_PLAYSTATE_STOPPED;
+  EXPECT_FALSE(pavo::test::wait_until(
+      [&] { return Pavo_AVCtrl_GetPlayState(av, &state) == 0 && state != PAVO_AVCTRL_PLAYSTATE_CONNECTING; },
+      Millis(500)))
+      << "state " << state;
+}
+
 // The signal for "dead": a living process (this one, or one of another
 // user) is not ended; a child that has exited is ended before and after it
 // is reaped.
