@@ -66,6 +66,7 @@ class Watchdog {
     MutexLock lock(&mu_);
     slot->queue_id = queue_id;
     slot->request_queue_id = request_queue_id;
+    slot->armed_at = Clock::now();
     slot->mtype = mtype;
     slot->deadline = deadline;
     slot->token = next_token();
@@ -170,7 +171,7 @@ class Watchdog {
       Clock::time_point next = now + idle;
       for (DeadlineSlot* slot = armed_; slot != nullptr; slot = slot->next) {
         if (slot->fired) continue;
-        if (slot->deadline > now && !reader_ended(slot)) {
+        if (slot->deadline > now && !reader_ended(slot, now)) {
           next = std::min(next, slot->deadline);
           if (slot->request_queue_id >= 0) next = std::min(next, now + kReaderPoll);
           continue;
@@ -189,10 +190,13 @@ class Watchdog {
   }
 
   // Whether the wait of `slot` watches a request queue whose last reader
-  // has ended. REQUIRES: mu_ held.
-  static bool reader_ended(const DeadlineSlot* slot) {
+  // has ended, and nobody will take the request. REQUIRES: mu_ held.
+  static bool reader_ended(const DeadlineSlot* slot, Clock::time_point now) {
     QueueReader reader;
-    return slot->request_queue_id >= 0 && read_queue_reader(slot->request_queue_id, &reader) && reader.gone;
+    if (slot->request_queue_id < 0 || !read_queue_reader(slot->request_queue_id, &reader) || !reader.gone) {
+      return false;
+    }
+    return reader.queued == 0 || now - slot->armed_at >= kUnreadGrace;
   }
 
   pthread_mutex_t mu_;

@@ -9,9 +9,11 @@
 //
 // A wait may name the queue its request went to: while it is armed the
 // watchdog looks every kReaderPoll at who last read that queue, and ends the
-// wait at once (as if its deadline had passed) when that process has ended
-// (queue_reader.h): a service that died does not keep its caller waiting
-// for the whole time-out.
+// wait (as if its deadline had passed) when that process has ended
+// (queue_reader.h): at once when the queue is empty (the ended reader took
+// the request), after kUnreadGrace when the request still waits there (a
+// restarted service that is not reading yet would take it by then). A
+// service that died does not keep its caller waiting for the whole time-out.
 //
 // Each deadline frame carries a token that names the process and the wait
 // it ends (8 payload bytes). A waiting client takes only the frame of its
@@ -49,6 +51,7 @@ struct DeadlineSlot {
 
   int queue_id = -1;
   int request_queue_id = -1;  // watched for a reader that ended; -1: none
+  Clock::time_point armed_at;
   long mtype = 0;
   Clock::time_point deadline;
   uint64_t token = 0;
@@ -59,6 +62,8 @@ struct DeadlineSlot {
 
 // How often an armed wait's request queue is looked at.
 constexpr std::chrono::milliseconds kReaderPoll(25);
+// How long a request may wait unread on a queue whose last reader has ended.
+constexpr std::chrono::milliseconds kUnreadGrace(200);
 
 // Arms `slot` for a wait on `reply_queue_id` for frames of `mtype`; when
 // `request_queue_id` is not -1 the wait also ends once the last reader of
