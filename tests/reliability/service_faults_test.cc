@@ -33,7 +33,13 @@ const bool kEmulated = pavo::test::under_emulator();
 // soon a dead service must be noticed, and the fast-fail limit.
 const Millis kBound(kEmulated ? 4000 : 2000);
 const Millis kSlack(kEmulated ? 1500 : 400);
+#if defined(__SANITIZE_THREAD__)
+// A ThreadSanitizer process takes about a second to end (its shadow memory
+// is unmapped first): still well within the bound.
+const Millis kDeadNoticed(1500);
+#else
 const Millis kDeadNoticed(kEmulated ? 1500 : 600);
+#endif
 const Millis kFastFail(100);
 constexpr int kThreads = 4;
 constexpr int kFastCalls = 5;
