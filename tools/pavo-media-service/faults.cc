@@ -10,12 +10,10 @@
 
 namespace pavo::service {
 
-int Faults::command_of(const char* text, std::size_t len) {
+bool Faults::before_reply(const char* text, std::size_t len) {
+  if (!request_faults()) return true;
   Request request;
-  return text != nullptr && request.parse(text, len) ? request.command() : -1;
-}
-
-bool Faults::before_reply(int command) {
+  const int command = text != nullptr && request.parse(text, len) ? request.command() : -1;
   if (matches(options_.exit_on_command, command)) {
     say("pavo-media-service: exiting in the middle of a request (command %d)", command);
     _exit(3);  // no destructor, no reply, queues left as they are: a crash

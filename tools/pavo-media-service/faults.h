@@ -30,14 +30,12 @@ class Faults {
   Faults(const Faults&) = delete;
   Faults& operator=(const Faults&) = delete;
 
-  // Reads the command number of a request text (-1 when there is none).
-  static int command_of(const char* text, std::size_t len);
-
-  // Called after the service has acted on a request of `command`, before its
-  // reply is handed to the transport. May sleep (reply delay), block until
-  // release() (no reply: returns false, the caller sends nothing of its
-  // own) or end the process with status 3 without answering.
-  bool before_reply(int command);
+  // Called after the service has acted on the request `text` (`len`
+  // bytes), before its reply is handed to the transport. May sleep (reply
+  // delay), block until release() (no reply: returns false, the caller
+  // sends nothing of its own) or end the process with status 3 without
+  // answering. Reads the request only when a fault is chosen.
+  bool before_reply(const char* text, std::size_t len);
 
   // Whether the next event is sent (false: it is dropped, as if lost).
   bool keep_event();
@@ -46,6 +44,10 @@ class Faults {
   void release();
 
  private:
+  bool request_faults() const {
+    return options_.reply_delay_ms > 0 || options_.no_reply_command != FaultOptions::kNone ||
+           options_.exit_on_command != FaultOptions::kNone;
+  }
   static bool matches(int chosen, int command) {
     return chosen == FaultOptions::kAnyCommand || (chosen >= 0 && chosen == command);
   }

@@ -30,7 +30,7 @@ pavo_ipc_msg* on_request(pavo_ipc_msg* message, void* user) {
   const char* data = message == nullptr ? nullptr : message->data;
   const std::size_t len = message == nullptr ? 0 : message->len;
   const std::string reply = served->service->handle_request(data, len);
-  if (!served->faults->before_reply(Faults::command_of(data, len))) return nullptr;
+  if (!served->faults->before_reply(data, len)) return nullptr;
   // Record with new and text with malloc, as the transport releases them.
   char* text = static_cast<char*>(std::malloc(reply.size() + 1));
   if (text == nullptr) return nullptr;
