@@ -99,7 +99,7 @@ class ServiceFaults : public ::testing::Test {
     remove_protocol_queues();
   }
 
-  // A new object whose player exists in the running service: its Load works.
+  // A new object; its player exists only if the running service answered.
   void* new_object() {
     void* av = nullptr;
     if (Pavo_AVCtrl_Create(nullptr, &av) != 0) return nullptr;
