@@ -1,6 +1,8 @@
 // Client end: one-way sends and synchronous request/reply exchanges.
 #include <sys/msg.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -12,6 +14,7 @@
 #include "base/result_codes.h"
 #include "ipc/diagnostics.h"
 #include "ipc/framing.h"
+#include "ipc/queue_reader.h"
 #include "ipc/reply_deadline.h"
 #include "ipc/sys_errors.h"
 #include "pavo_ipc.h"
@@ -33,6 +36,17 @@ using pavo::ipc::kMaxMessage;
 // for the owed reply and discards it, and fails with -1 without sending when
 // it does not come (the service is hung). So a reply is never taken for the
 // answer to another request.
+//
+// A wait that ended without its reply (time-out, or the service seen dead:
+// reply_deadline.h) makes the handle `silent`: later requests do not wait
+// the whole time-out again and again, they fail at once (-1, nothing sent)
+// until the service is back. Back means one of: an owed reply has come (a
+// hung service continued); the request queue has a new, living last reader
+// (a restarted service read it); or, when the last reader has ended and the
+// request queue is empty, a probe answered within kProbeWait (the request is
+// sent and waited for that briefly: a restarted service that has not read
+// yet is invisible otherwise). A dead service is told by its ended last
+// reader (queue_reader.h).
 struct pavo_ipc_client {
   key_t key = 0;
   int msg_type = 0;
@@ -47,6 +61,8 @@ struct pavo_ipc_client {
   // may have left there (a late reply, a deadline frame).
   bool reply_queue_fresh = false;
   int owed_replies = 0;  // complete replies still to come for ended waits
+  bool silent = false;   // fail fast until the service is back
+  pid_t silent_reader = 0;  // last reader of the request queue when it fell silent
   // The handle's frame and reply text buffers, made at the first send and
   // kept: a send or an exchange allocates nothing else but the caller's copy
   // of the reply text.
@@ -60,6 +76,9 @@ namespace pavo::ipc {
 namespace {
 
 constexpr int kQueuePermissions = 0666;
+
+// How long a silent handle's probe waits for its reply.
+constexpr auto kProbeWait = std::chrono::milliseconds(50);
 
 // Opens the queues that are not open yet. REQUIRES: client->lock held.
 bool open_queues(pavo_ipc_client* client) {
@@ -82,6 +101,15 @@ void forget_queues(pavo_ipc_client* client) {
   client->queue_id = -1;
   client->reply_queue_id = -1;
   client->owed_replies = 0;
+  client->silent = false;  // new queues: a new service
+}
+
+// Marks the handle silent after a wait that ended without its reply.
+// REQUIRES: client->lock held.
+void fall_silent(pavo_ipc_client* client) {
+  QueueReader reader;
+  client->silent = true;
+  client->silent_reader = read_queue_reader(client->queue_id, &reader) ? reader.pid : 0;
 }
 
 // Makes the handle's buffers. REQUIRES: client->lock held.
@@ -137,8 +165,9 @@ enum class Wait {
 // `deadline` (none when `bounded` is false). Deadline frames of other waits
 // (stale ones) are taken off and ignored. REQUIRES: client->lock held.
 Wait next_message(pavo_ipc_client* client, bool bounded, Clock::time_point deadline, ReceiveOutcome* got) {
-  const uint64_t token =
-      bounded ? arm_reply_deadline(&client->deadline, client->reply_queue_id, client->msg_type, deadline) : 0;
+  const uint64_t token = bounded ? arm_reply_deadline(&client->deadline, client->reply_queue_id, client->msg_type,
+                                                      deadline, client->queue_id)
+                                 : 0;
   Wait result;
   for (;;) {
     char* text = client->text.release();
@@ -179,6 +208,7 @@ bool settle_owed(pavo_ipc_client* client, bool bounded, Clock::time_point deadli
       case Wait::kTimedOut:
         report(Stream::kErr, "ipc: the reply owed on queue key 0x%x has not come; request not sent\n",
                static_cast<unsigned>(client->reply_key));
+        fall_silent(client);
         return false;
       case Wait::kGone:
         forget_queues(client);
@@ -188,6 +218,44 @@ bool settle_owed(pavo_ipc_client* client, bool bounded, Clock::time_point deadli
     }
   }
   return true;
+}
+
+enum class Verdict {
+  kSend,   // the service is back: send, waiting the whole time-out
+  kProbe,  // nobody reads: send, waiting kProbeWait
+  kFail,   // still silent: fail without sending
+};
+
+// Whether a silent handle's service is back. REQUIRES: client->lock held,
+// client->silent.
+Verdict recheck(pavo_ipc_client* client, bool bounded) {
+  QueueReader replies;
+  if (read_queue_reader(client->reply_queue_id, &replies) && replies.queued > 0) {
+    // Something has come: an owed reply, or a stale deadline frame.
+    const int owed = client->owed_replies;
+    settle_owed(client, bounded, Clock::now() + kProbeWait);
+    if (client->owed_replies < owed) {
+      client->silent = false;  // it answered: the rest of what is owed is awaited as usual
+      return Verdict::kSend;
+    }
+  }
+  QueueReader reader;
+  if (!read_queue_reader(client->queue_id, &reader)) {
+    client->silent = false;  // the queue has gone: the send opens it anew or fails
+    return Verdict::kSend;
+  }
+  if (reader.pid > 0 && reader.pid != client->silent_reader && !reader.gone) {
+    // A restarted service has read the queue. What the old one owed comes
+    // at once or never.
+    if (!settle_owed(client, bounded, Clock::now() + kProbeWait)) client->owed_replies = 0;
+    client->silent = false;
+    return Verdict::kSend;
+  }
+  if ((reader.pid == 0 || reader.gone) && reader.queued == 0) {
+    client->owed_replies = 0;  // whoever owed them has ended
+    return Verdict::kProbe;
+  }
+  return Verdict::kFail;
 }
 
 struct Reply {
@@ -210,6 +278,18 @@ int exchange(pavo_ipc_client* client, const pavo_ipc_msg* request, Reply* reply)
   const Clock::time_point deadline = bounded ? Clock::now() + timeout : Clock::time_point::max();
   clear_fresh_reply_queue(client);
   reply->waited = true;
+  Clock::time_point reply_deadline = deadline;
+  if (client->silent) {
+    switch (recheck(client, bounded)) {
+      case Verdict::kSend:
+        break;
+      case Verdict::kProbe:
+        reply_deadline = std::min(deadline, Clock::now() + kProbeWait);
+        break;
+      case Verdict::kFail:
+        return kFailed;
+    }
+  }
   if (!settle_owed(client, bounded, deadline)) return kFailed;
   reply->waited = false;
   const int sent = send_reopening(client, request, IPC_MSG_SYNC_REQUEST);
@@ -217,16 +297,23 @@ int exchange(pavo_ipc_client* client, const pavo_ipc_msg* request, Reply* reply)
   reply->waited = true;
 
   ReceiveOutcome got;
-  switch (next_message(client, bounded, deadline, &got)) {
+  const bool probe = client->silent;
+  const Clock::time_point wait_start = Clock::now();
+  switch (next_message(client, bounded || probe, reply_deadline, &got)) {
     case Wait::kMessage:
+      client->silent = false;
       break;
     case Wait::kDropped:
       return got.code == kNoMemory ? kNoMemory : kFailed;
-    case Wait::kTimedOut:
-      report(Stream::kErr, "ipc: no reply on queue key 0x%x within %lld ms\n",
-             static_cast<unsigned>(client->reply_key), static_cast<long long>(timeout.count()));
+    case Wait::kTimedOut: {
+      const long long waited =
+          std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - wait_start).count();
+      report(Stream::kErr, "ipc: no reply on queue key 0x%x after %lld ms%s\n",
+             static_cast<unsigned>(client->reply_key), waited, probe ? " (probe)" : "");
       ++client->owed_replies;  // the reply, or the rest of it, may still come
+      fall_silent(client);
       return kFailed;
+    }
     case Wait::kGone:
       forget_queues(client);
       return kFailed;

@@ -12,6 +12,7 @@
 
 #include "base/mutex_lock.h"
 #include "ipc/frame.h"
+#include "ipc/queue_reader.h"
 #include "ipc/sys_errors.h"
 
 #ifndef PAVO_IPC_REPLY_TIMEOUT_MS
@@ -61,9 +62,11 @@ class Watchdog {
     return watchdog;
   }
 
-  uint64_t arm(DeadlineSlot* slot, int queue_id, long mtype, Clock::time_point deadline) {
+  uint64_t arm(DeadlineSlot* slot, int queue_id, long mtype, Clock::time_point deadline, int request_queue_id) {
     MutexLock lock(&mu_);
     slot->queue_id = queue_id;
+    slot->request_queue_id = request_queue_id;
+    slot->armed_at = Clock::now();
     slot->mtype = mtype;
     slot->deadline = deadline;
     slot->token = next_token();
@@ -75,9 +78,12 @@ class Watchdog {
     if (!started_) {
       started_ = pthread_create(&thread_, nullptr, &Watchdog::main, this) == 0;
       next_wake_ = Clock::time_point::min();
-    } else if (deadline < next_wake_) {
-      // Only when the time-out was shortened: the watchdog sleeps at most
-      // half a time-out, so deadlines armed later never come before its wake-up.
+    } else if (deadline < next_wake_ ||
+               (request_queue_id >= 0 && next_wake_ > Clock::now() + kReaderPoll)) {
+      // Only when the time-out was shortened (the watchdog sleeps at most
+      // half a time-out, so deadlines armed later never come before its
+      // wake-up), or when a watched wait finds it idle: while waits are
+      // armed it wakes every kReaderPoll anyway.
       pthread_cond_signal(&cv_);
     }
     return slot->token;
@@ -165,8 +171,9 @@ class Watchdog {
       Clock::time_point next = now + idle;
       for (DeadlineSlot* slot = armed_; slot != nullptr; slot = slot->next) {
         if (slot->fired) continue;
-        if (slot->deadline > now) {
+        if (slot->deadline > now && !reader_ended(slot, now)) {
           next = std::min(next, slot->deadline);
+          if (slot->request_queue_id >= 0) next = std::min(next, now + kReaderPoll);
           continue;
         }
         const int err = queue_deadline_frame(slot->queue_id, slot->mtype, slot->token);
@@ -180,6 +187,16 @@ class Watchdog {
       const timespec until = to_monotonic_timespec(next);
       pthread_cond_timedwait(&cv_, &mu_, &until);
     }
+  }
+
+  // Whether the wait of `slot` watches a request queue whose last reader
+  // has ended, and nobody will take the request. REQUIRES: mu_ held.
+  static bool reader_ended(const DeadlineSlot* slot, Clock::time_point now) {
+    QueueReader reader;
+    if (slot->request_queue_id < 0 || !read_queue_reader(slot->request_queue_id, &reader) || !reader.gone) {
+      return false;
+    }
+    return reader.queued == 0 || now - slot->armed_at >= kUnreadGrace;
   }
 
   pthread_mutex_t mu_;
@@ -203,8 +220,9 @@ void set_reply_timeout_for_testing(std::chrono::milliseconds timeout) {
   g_reply_timeout_ms.store(timeout.count(), std::memory_order_relaxed);
 }
 
-uint64_t arm_reply_deadline(DeadlineSlot* slot, int reply_queue_id, long mtype, Clock::time_point deadline) {
-  return Watchdog::instance().arm(slot, reply_queue_id, mtype, deadline);
+uint64_t arm_reply_deadline(DeadlineSlot* slot, int reply_queue_id, long mtype, Clock::time_point deadline,
+                            int request_queue_id) {
+  return Watchdog::instance().arm(slot, reply_queue_id, mtype, deadline, request_queue_id);
 }
 
 bool disarm_reply_deadline(DeadlineSlot* slot) { return Watchdog::instance().disarm(slot); }

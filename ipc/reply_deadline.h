@@ -7,6 +7,14 @@
 // frame of kind IPC_MSG_REPLY_DEADLINE with the waiting client's message
 // type on the client's own reply queue, which ends the blocking receive.
 //
+// A wait may name the queue its request went to: while it is armed the
+// watchdog looks every kReaderPoll at who last read that queue, and ends the
+// wait (as if its deadline had passed) when that process has ended
+// (queue_reader.h): at once when the queue is empty (the ended reader took
+// the request), after kUnreadGrace when the request still waits there (a
+// restarted service that is not reading yet would take it by then). A
+// service that died does not keep its caller waiting for the whole time-out.
+//
 // Each deadline frame carries a token that names the process and the wait
 // it ends (8 payload bytes). A waiting client takes only the frame of its
 // current wait as its time-out; any other deadline frame is stale (a frame
@@ -42,6 +50,8 @@ struct DeadlineSlot {
   DeadlineSlot& operator=(const DeadlineSlot&) = delete;
 
   int queue_id = -1;
+  int request_queue_id = -1;  // watched for a reader that ended; -1: none
+  Clock::time_point armed_at;
   long mtype = 0;
   Clock::time_point deadline;
   uint64_t token = 0;
@@ -50,10 +60,17 @@ struct DeadlineSlot {
   DeadlineSlot* next = nullptr;
 };
 
-// Arms `slot` for a wait on `reply_queue_id` for frames of `mtype`.
-// Returns the token that this wait's deadline frame carries.
-// REQUIRES: slot not armed.
-uint64_t arm_reply_deadline(DeadlineSlot* slot, int reply_queue_id, long mtype, Clock::time_point deadline);
+// How often an armed wait's request queue is looked at.
+constexpr std::chrono::milliseconds kReaderPoll(25);
+// How long a request may wait unread on a queue whose last reader has ended.
+constexpr std::chrono::milliseconds kUnreadGrace(200);
+
+// Arms `slot` for a wait on `reply_queue_id` for frames of `mtype`; when
+// `request_queue_id` is not -1 the wait also ends once the last reader of
+// that queue has ended. Returns the token that this wait's deadline frame
+// carries. REQUIRES: slot not armed.
+uint64_t arm_reply_deadline(DeadlineSlot* slot, int reply_queue_id, long mtype, Clock::time_point deadline,
+                            int request_queue_id = -1);
 
 // Disarms `slot`. Returns true when its deadline had fired: a deadline frame
 // was queued (or the queue had gone). After it returns no frame with the

@@ -2,8 +2,10 @@
 # Sets up the machine, then builds and runs every test leg:
 #   plain   x86-64 optimised build: every test, and a short run of each benchmark
 #   asan    x86-64 with AddressSanitizer and UndefinedBehaviorSanitizer: every test
-#   tsan    x86-64 with ThreadSanitizer: the threaded tests
-#   armhf   32-bit Arm hard-float cross build: every test, under qemu-arm
+#   tsan    x86-64 with ThreadSanitizer: the threaded tests (stress tests 30 s each)
+#   armhf   32-bit Arm hard-float cross build: every test, under qemu-arm; the
+#           mixed test runs against the plain leg's x86-64 service when that
+#           leg has been configured
 #   fuzz    clang libFuzzer targets for a bounded time (when present)
 #
 # Usage: scripts/test.sh [leg...]     (default: all legs, in the order above)
@@ -64,12 +66,18 @@ for leg in "${legs[@]}"; do
       ;;
     tsan)
       configure_and_build tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPAVO_SANITIZE=thread \
-        -DPAVO_BUILD_BENCHMARKS=OFF && run_ctest tsan -L threaded || failed=1
+        -DPAVO_BUILD_BENCHMARKS=OFF -DPAVO_STRESS_SECONDS=30 && run_ctest tsan -L threaded || failed=1
       ;;
     armhf)
+      # The mixed-architecture test needs an x86-64 service: the plain leg's.
+      host_service=""
+      if [ -f build/plain/CMakeCache.txt ] &&
+        cmake --build build/plain -j"$jobs" --target pavo-media-service >/dev/null; then
+        host_service="$PWD/build/plain/tools/pavo-media-service"
+      fi
       configure_and_build armhf -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/armhf.cmake -DPAVO_BUILD_BENCHMARKS=OFF &&
-        run_ctest armhf || failed=1
+        -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/armhf.cmake -DPAVO_BUILD_BENCHMARKS=OFF \
+        -DPAVO_HOST_MEDIA_SERVICE="$host_service" && run_ctest armhf || failed=1
       ;;
     fuzz)
       if [ -x scripts/fuzz.sh ]; then

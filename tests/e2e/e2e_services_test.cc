@@ -203,7 +203,11 @@ TEST_F(EndToEnd, DisplaySourceRequestIsAnsweredThroughThePlugInLibrary) {
 
 TEST_F(EndToEnd, PlatformSubtitleNoticeHidesAndShowsTheSelectedSubtitles) {
   play_until_playing("http://media.test/vod.mp4");
+  const std::size_t before = log_.posts().size();
   ASSERT_EQ(Pavo_AVCtrl_SelectComponent(av_, PAVO_AV_COMPONENT_TYPE_SUBTITLE, 0), 0);
+  // The selection's own track change first, so that it is not taken for the notice's.
+  ASSERT_GE(log_.wait_for(PAVO_AVCTRL_EVENT_COMPONENTCHANGE, int_is(PAVO_AV_COMPONENT_TYPE_SUBTITLE), before), 0)
+      << log_.dump();
   for (bool shown : {false, true}) {
     SCOPED_TRACE(shown);
     const std::size_t mark = log_.posts().size();

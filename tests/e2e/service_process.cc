@@ -28,7 +28,7 @@ bool ServiceProcess::start(double time_scale, std::chrono::milliseconds limit,
                            const std::vector<std::string>& extra, int cpu) {
   stop();
   output_.clear();
-  std::vector<std::string> words = service_command();
+  std::vector<std::string> words = command_;
   char scale[32];
   std::snprintf(scale, sizeof scale, "%g", time_scale);
   words.insert(words.end(), {"--time-scale", scale});
@@ -104,6 +104,42 @@ int ServiceProcess::stop(std::chrono::milliseconds limit) {
   close(out_fd_);
   out_fd_ = -1;
   return result;
+}
+
+}  // namespace pavo::e2e
+
+namespace pavo::e2e {
+
+void ServiceProcess::kill_now() {
+  if (pid_ <= 0) return;
+  kill(pid_, SIGKILL);
+  reap(std::chrono::seconds(10));
+}
+
+void ServiceProcess::suspend() {
+  if (pid_ <= 0 || kill(pid_, SIGSTOP) != 0) return;
+  int status = 0;  // returns once it has stopped
+  while (waitpid(pid_, &status, WUNTRACED) < 0 && errno == EINTR) {
+  }
+}
+
+void ServiceProcess::resume() {
+  if (pid_ > 0) kill(pid_, SIGCONT);
+}
+
+int ServiceProcess::reap(std::chrono::milliseconds limit) {
+  if (pid_ <= 0) return -1;
+  int status = 0;
+  pid_t done = 0;
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while ((done = waitpid(pid_, &status, WNOHANG)) == 0 && std::chrono::steady_clock::now() < deadline) {
+    usleep(1000);
+  }
+  if (done != pid_) return -1;
+  pid_ = -1;
+  close(out_fd_);
+  out_fd_ = -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace pavo::e2e

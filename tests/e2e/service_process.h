@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace pavo::e2e {
@@ -24,6 +25,9 @@ class ServiceProcess {
   ServiceProcess(const ServiceProcess&) = delete;
   ServiceProcess& operator=(const ServiceProcess&) = delete;
 
+  // Runs `command` in place of service_command() from the next start on.
+  void use_command(std::vector<std::string> command) { command_ = std::move(command); }
+
   // Starts `command` plus "--time-scale <scale>" and `extra` arguments,
   // pinned to `cpu` when it is not negative, and waits at most `limit` for
   // the ready line. Returns true once the service serves; false (child
@@ -38,10 +42,21 @@ class ServiceProcess {
   // while starting and stopping).
   const std::string& output() const { return output_; }
   bool running() const { return pid_ > 0; }
+  pid_t pid() const { return pid_; }
+
+  // Faults for the reliability tests. kill_now() ends the service with
+  // SIGKILL and reaps it (its queues stay, as after a crash); suspend() and
+  // resume() stop and continue it (a hung service). reap() waits at most
+  // `limit` for a service that ends by itself; its exit status, or -1.
+  void kill_now();
+  void suspend();
+  void resume();
+  int reap(std::chrono::milliseconds limit);
 
  private:
   bool read_until(const std::string& line, std::chrono::steady_clock::time_point deadline);
 
+  std::vector<std::string> command_ = service_command();
   pid_t pid_ = -1;
   int out_fd_ = -1;
   std::string output_;

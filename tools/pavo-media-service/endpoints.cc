@@ -72,6 +72,7 @@ void Endpoints::close() {
 }
 
 int Endpoints::send_event(const std::string& text) {
+  if (keep_event_ && !keep_event_()) return 0;
   pavo_ipc_msg message{static_cast<uint32_t>(text.size()), const_cast<char*>(text.data())};
   return pavo_ipc_client_send(events_, &message);
 }

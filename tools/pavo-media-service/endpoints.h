@@ -5,7 +5,9 @@
 #ifndef PAVO_MEDIA_SERVICE_ENDPOINTS_H
 #define PAVO_MEDIA_SERVICE_ENDPOINTS_H
 
+#include <functional>
 #include <string>
+#include <utility>
 
 #include "pavo_ipc.h"
 
@@ -30,7 +32,12 @@ class Endpoints {
   // releases everything. The queues stay. Idempotent.
   void close();
 
-  // Sends one event text; the transport's result (0 on success).
+  // Consulted before each event is sent; false drops it (fault injection).
+  // REQUIRES: called before serving.
+  void set_event_filter(std::function<bool()> keep) { keep_event_ = std::move(keep); }
+
+  // Sends one event text; the transport's result (0 on success; 0 too for
+  // an event the filter dropped).
   int send_event(const std::string& text);
   // Sends a request to the library and waits for its answer (at most the
   // transport's reply time-out). 0 with *answer set; the transport's code
@@ -42,6 +49,7 @@ class Endpoints {
   pavo_ipc_server* notices_ = nullptr;
   pavo_ipc_client* events_ = nullptr;
   pavo_ipc_client* library_ = nullptr;
+  std::function<bool()> keep_event_;
 };
 
 }  // namespace pavo::service

@@ -10,18 +10,28 @@
 
 #include "pavo-media-service/console.h"
 #include "pavo-media-service/endpoints.h"
+#include "pavo-media-service/faults.h"
 #include "pavo-media-service/gst_engine.h"
 #include "pavo-media-service/options.h"
 #include "pavo-media-service/service.h"
 
 namespace {
 
+using pavo::service::Faults;
 using pavo::service::Service;
 
+// What the request callback works with.
+struct Served {
+  Service* service;
+  Faults* faults;
+};
+
 pavo_ipc_msg* on_request(pavo_ipc_msg* message, void* user) {
-  auto* service = static_cast<Service*>(user);
-  const std::string reply = message == nullptr ? service->handle_request(nullptr, 0)
-                                               : service->handle_request(message->data, message->len);
+  auto* served = static_cast<Served*>(user);
+  const char* data = message == nullptr ? nullptr : message->data;
+  const std::size_t len = message == nullptr ? 0 : message->len;
+  const std::string reply = served->service->handle_request(data, len);
+  if (!served->faults->before_reply(data, len)) return nullptr;
   // Record with new and text with malloc, as the transport releases them.
   char* text = static_cast<char*>(std::malloc(reply.size() + 1));
   if (text == nullptr) return nullptr;
@@ -31,7 +41,7 @@ pavo_ipc_msg* on_request(pavo_ipc_msg* message, void* user) {
 }
 
 pavo_ipc_msg* on_notice(pavo_ipc_msg* message, void* user) {
-  auto* service = static_cast<Service*>(user);
+  auto* service = static_cast<Served*>(user)->service;
   if (message == nullptr) {
     service->handle_notice(nullptr, 0);
   } else {
@@ -72,9 +82,12 @@ int main(int argc, char** argv) {
     pavo::service::complain("%s", error.c_str());
     return 1;
   }
+  Faults faults(options.faults);
+  endpoints.set_event_filter([&faults] { return faults.keep_event(); });
   Service service(options.time_scale, &endpoints, engine);
   service.start();
-  if (!endpoints.serve(on_request, on_notice, &service)) {
+  Served served{&service, &faults};
+  if (!endpoints.serve(on_request, on_notice, &served)) {
     pavo::service::complain("cannot serve its queues");
     return 1;
   }
@@ -83,6 +96,7 @@ int main(int argc, char** argv) {
   int signal_number = 0;
   while (sigwait(&stop_signals, &signal_number) != 0) {
   }
+  faults.release();   // a request held without an answer lets go
   endpoints.close();  // no request or notice runs after this
   service.stop();
   pavo::service::say("pavo-media-service: stopped");

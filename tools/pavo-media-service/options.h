@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "pavo-media-service/faults.h"
+
 namespace pavo::service {
 
 struct Options {
@@ -12,7 +14,7 @@ struct Options {
   bool help = false;
   std::string engine = "model";  // "model" or "gstreamer"
   std::string sinks;             // gstreamer: "fake" or "auto"; empty: fake without a display
-
+  FaultOptions faults;           // none unless asked for
 };
 
 // The usage text printed by --help.

@@ -1,0 +1,100 @@
+// No event is lost while the event queue holds no more than its capacity:
+// with the library's event thread held inside the player callback, a sender
+// (standing in for the service, through the same transport) fills the queue
+// up to its capacity without any send waiting on a full queue; once the
+// callback returns, every event reaches it, in order.
+#include <gtest/gtest.h>
+#include <sys/msg.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "pavo_ipc.h"
+#include "pavo_mediaplayer_ipc.h"
+#include "support/test_queues.h"
+
+namespace {
+
+constexpr key_t kEventKey = static_cast<key_t>(0x95000070);
+const key_t kProtocolKeys[] = {static_cast<key_t>(0x95000100), static_cast<key_t>(0x95000101),
+                               static_cast<key_t>(0x95000080), kEventKey,
+                               static_cast<key_t>(0x95000090), static_cast<key_t>(0x95000091)};
+constexpr uint32_t kChunkSize = 1024;
+constexpr unsigned kPlayer = 7;
+
+// The player callback: held at the first event until released; records data1.
+struct Sink {
+  std::mutex mu;
+  std::condition_variable cv;
+  bool held = false;
+  bool released = false;
+  std::vector<int> seen;
+
+  static void on_event(PavoMediaPluginEvent, PavoMediaError, const void* user, int data1, double) {
+    auto* sink = static_cast<Sink*>(const_cast<void*>(user));
+    std::unique_lock<std::mutex> lock(sink->mu);
+    sink->seen.push_back(data1);
+    sink->held = true;
+    sink->cv.notify_all();
+    sink->cv.wait(lock, [sink] { return sink->released; });
+  }
+};
+
+std::string speed_event(int data1) {
+  return "{\"event_type\":0,\"event\":6,\"sub_event\":0,\"player_id\":" + std::to_string(kPlayer) +
+         ",\"data1\":" + std::to_string(data1) + ",\"data2\":0.0}";
+}
+
+TEST(EventFlood, NothingIsLostWhileTheQueueHoldsNoMoreThanItsCapacity) {
+  for (key_t key : kProtocolKeys) pavo::test::remove_queue(key);
+  ASSERT_EQ(Pavo_MediaPlayer_IPC_Initialize(0), 0);
+  Sink sink;
+  ASSERT_EQ(Pavo_MediaPlayer_IPC_RegisterCallback(kPlayer, Sink::on_event, &sink), 0);
+  pavo_ipc_client* sender = nullptr;
+  ASSERT_EQ(pavo_ipc_client_create(kEventKey, 1, 0, kChunkSize, &sender), 0);
+  const auto send = [&](int data1) {
+    std::string text = speed_event(data1);
+    pavo_ipc_msg m{static_cast<uint32_t>(text.size()), text.data()};
+    return pavo_ipc_client_send(sender, &m);
+  };
+
+  ASSERT_EQ(send(0), 0);
+  {
+    std::unique_lock<std::mutex> lock(sink.mu);
+    ASSERT_TRUE(sink.cv.wait_for(lock, std::chrono::seconds(10), [&] { return sink.held; }));
+  }
+  msqid_ds ds{};
+  ASSERT_EQ(msgctl(msgget(kEventKey, 0), IPC_STAT, &ds), 0);
+  const int capacity = static_cast<int>(ds.msg_qbytes / (kChunkSize + 32));
+  ASSERT_GE(capacity, 1);
+  for (int i = 1; i <= capacity; ++i) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(send(i), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2)) << "event " << i;
+  }
+  EXPECT_EQ(pavo::test::queued_messages(kEventKey), capacity);
+  {
+    std::lock_guard<std::mutex> lock(sink.mu);
+    sink.released = true;
+  }
+  sink.cv.notify_all();
+  std::vector<int> expected;
+  for (int i = 0; i <= capacity; ++i) expected.push_back(i);
+  EXPECT_TRUE(pavo::test::wait_until([&] {
+    std::lock_guard<std::mutex> lock(sink.mu);
+    return sink.seen.size() >= expected.size();
+  }));
+  {
+    std::lock_guard<std::mutex> lock(sink.mu);
+    EXPECT_EQ(sink.seen, expected);
+  }
+  pavo_ipc_client_destroy(sender);
+  Pavo_MediaPlayer_IPC_UnregisterCallback(kPlayer);
+  Pavo_MediaPlayer_IPC_Finalize();
+  for (key_t key : kProtocolKeys) pavo::test::remove_queue(key);
+}
+
+}  // namespace

@@ -1,0 +1,252 @@
+// A dead, hung or restarted service: no plug-in call blocks longer than the
+// reply bound, on any thread, whatever the service does; once the library has
+// seen the service dead or silent, further calls fail fast until it is back.
+// The service is pavo-media-service as a child process with its fault
+// options, or a hostile peer of this file.
+#include <gtest/gtest.h>
+#include <sys/msg.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "e2e_fixture.h"
+#include "ipc/queue_reader.h"
+#include "support/emulation.h"
+#include "support/reply_timeout_override.h"
+#include "support/test_queues.h"
+
+namespace pavo::e2e {
+namespace {
+
+using Millis = std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+const bool kEmulated = pavo::test::under_emulator();
+// The reply bound of these tests, what a late scheduler may add to it, how
+// soon a dead service must be noticed, and the fast-fail limit.
+const Millis kBound(kEmulated ? 4000 : 2000);
+const Millis kSlack(kEmulated ? 1500 : 400);
+#if defined(__SANITIZE_THREAD__)
+// A ThreadSanitizer process takes about a second to end (its shadow memory
+// is unmapped first): still well within the bound.
+const Millis kDeadNoticed(1500);
+#else
+const Millis kDeadNoticed(kEmulated ? 1500 : 600);
+#endif
+const Millis kFastFail(100);
+constexpr int kThreads = 4;
+constexpr int kFastCalls = 5;
+
+constexpr key_t kRequestKey = static_cast<key_t>(0x95000100);
+
+const key_t kProtocolKeys[] = {kRequestKey, static_cast<key_t>(0x95000101),
+                               static_cast<key_t>(0x95000080), static_cast<key_t>(0x95000070),
+                               static_cast<key_t>(0x95000090), static_cast<key_t>(0x95000091)};
+
+void remove_protocol_queues() {
+  for (key_t key : kProtocolKeys) pavo::test::remove_queue(key);
+}
+
+// Runs `call` and returns how long it took; *result gets what it returned.
+Millis timed(const std::function<int()>& call, int* result) {
+  const auto start = steady_clock::now();
+  *result = call();
+  return std::chrono::duration_cast<Millis>(steady_clock::now() - start);
+}
+
+// A hostile peer in place of the service: a child process that takes
+// `frames` frames off the request queue (a request half read) and exits.
+// Returns its pid; reap it with waitpid.
+pid_t half_reader(int frames) {
+  std::fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid != 0) return pid;
+  const int id = msgget(kRequestKey, 0666 | IPC_CREAT);
+  std::vector<char> frame(64 * 1024);
+  for (int got = 0; got < frames;) {
+    if (msgrcv(id, frame.data(), frame.size() - sizeof(long), 0, MSG_NOERROR) >= 0) ++got;
+  }
+  _exit(0);
+}
+
+enum class Fault { kNone, kKill, kSuspend, kHalfRead };
+
+struct Case {
+  const char* name;
+  std::vector<std::string> service_args;
+  Fault fault;          // applied after the object is made
+  Millis first_limit;   // for the first calls (made on kThreads threads at once)
+};
+
+class ServiceFaults : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    remove_protocol_queues();
+    ASSERT_EQ(Pavo_AVCtrl_Initialize(), 0);
+  }
+  void TearDown() override {
+    for (void* av : objects_) Pavo_AVCtrl_Destroy(av);
+    Pavo_AVCtrl_Finalize();
+    service_.resume();
+    service_.stop();
+    remove_protocol_queues();
+  }
+
+  // A new object; its player exists only if the running service answered.
+  void* new_object() {
+    void* av = nullptr;
+    if (Pavo_AVCtrl_Create(nullptr, &av) != 0) return nullptr;
+    objects_.push_back(av);
+    return av;
+  }
+
+  // Whether the service answers again: a new object loads an item (polled,
+  // since a hung service answers its backlog first).
+  bool answers_again() {
+    return pavo::test::wait_until(
+        [&] {
+          void* av = new_object();
+          return av != nullptr && Pavo_AVCtrl_Load(av, "http://media.test/vod.mp4") == 0;
+        },
+        wait_limit());
+  }
+
+  ServiceProcess service_;
+  std::vector<void*> objects_;
+};
+
+// Each fault, with the call that meets it made on several threads at once:
+// every call returns -1 within its limit (the bound, or sooner when the
+// service is seen dead); the calls after it fail fast; a restarted service
+// is used again.
+TEST_F(ServiceFaults, NoCallOutlastsTheBoundAndLaterCallsFailFast) {
+  const std::string play = "3";
+  const Case cases[] = {
+      {"never answers", {"--no-reply", play}, Fault::kNone, kBound + kSlack},
+      {"answers late", {"--reply-delay", std::to_string(3 * kBound.count()), "--late-command", play},
+       Fault::kNone, kBound + kSlack},
+      {"hung (stopped)", {}, Fault::kSuspend, kBound + kSlack},
+      {"killed", {}, Fault::kKill, kDeadNoticed},
+      {"dies in the middle of a request", {"--exit-on-request", play}, Fault::kNone, kDeadNoticed},
+      {"dies while a 16-chunk request is half read", {}, Fault::kHalfRead, kDeadNoticed},
+  };
+  pavo::test::ReplyTimeoutOverride bound(kBound);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_TRUE(service_.start(kTimeScale, wait_limit(), c.service_args)) << service_.output();
+    void* av = new_object();
+    ASSERT_NE(av, nullptr);
+    pid_t peer = -1;
+    std::function<int()> call = [av] { return Pavo_AVCtrl_Play(av, 1.0); };
+    switch (c.fault) {
+      case Fault::kNone:
+        break;
+      case Fault::kKill:
+        service_.kill_now();
+        break;
+      case Fault::kSuspend:
+        service_.suspend();
+        break;
+      case Fault::kHalfRead: {
+        service_.kill_now();
+        peer = half_reader(8);
+        const std::string url = "http://media.test/" + std::string(16000, 'x') + "/vod.mp4";
+        call = [av, url] { return Pavo_AVCtrl_Load(av, url.c_str()); };
+        break;
+      }
+    }
+
+    std::vector<int> results(kThreads, 0);
+    std::vector<Millis> took(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&, t] { took[t] = timed(call, &results[t]); });
+    }
+    for (std::thread& t : threads) t.join();
+    for (int t = 0; t < kThreads; ++t) {
+      EXPECT_EQ(results[t], -1) << "thread " << t;
+      EXPECT_LE(took[t].count(), c.first_limit.count()) << "thread " << t;
+    }
+    Millis longest_fast(0);
+    for (int i = 0; i < kFastCalls; ++i) {
+      int result = 0;
+      const Millis t = timed(call, &result);
+      EXPECT_EQ(result, -1) << "call " << i;
+      EXPECT_LE(t.count(), kFastFail.count()) << "call " << i << " after the fault was seen";
+      longest_fast = std::max(longest_fast, t);
+    }
+    std::printf("fault \"%s\": longest first call %lld ms (bound %lld ms), longest later call %lld ms\n", c.name,
+                static_cast<long long>(std::max_element(took.begin(), took.end())->count()),
+                static_cast<long long>(kBound.count()), static_cast<long long>(longest_fast.count()));
+
+    if (peer > 0) waitpid(peer, nullptr, 0);
+    service_.resume();
+    service_.stop();
+    ASSERT_TRUE(service_.start(kTimeScale, wait_limit())) << service_.output();
+    EXPECT_TRUE(answers_again()) << "the restarted service was not used again";
+    service_.stop();
+  }
+}
+
+// A hung service that continues is used again without a restart: the reply
+// to the request that timed out arrives late and ends the fast failing.
+TEST_F(ServiceFaults, HungServiceThatContinuesIsUsedAgain) {
+  pavo::test::ReplyTimeoutOverride bound(kBound);
+  ASSERT_TRUE(service_.start(kTimeScale, wait_limit())) << service_.output();
+  void* av = new_object();
+  ASSERT_EQ(Pavo_AVCtrl_Load(av, "http://media.test/vod.mp4"), 0);
+  service_.suspend();
+  double duration = 0;
+  EXPECT_EQ(Pavo_AVCtrl_GetPlayTime(av, &duration), -1);
+  int result = 0;
+  EXPECT_LE(timed([&] { return Pavo_AVCtrl_GetPlayTime(av, &duration); }, &result).count(),
+            kFastFail.count());
+  EXPECT_EQ(result, -1);
+  service_.resume();
+  EXPECT_TRUE(pavo::test::wait_until([&] { return Pavo_AVCtrl_GetPlayTime(av, &duration) == 0; },
+                                     wait_limit()));
+  EXPECT_EQ(duration, 60000.0);
+}
+
+// A service whose events are all lost: requests still work and the object
+// stays in the state the page was last told (it cannot know what it missed).
+TEST_F(ServiceFaults, LostEventsLeaveRequestsWorking) {
+  ASSERT_TRUE(service_.start(kTimeScale, wait_limit(), {"--drop-events", "1"})) << service_.output();
+  void* av = new_object();
+  ASSERT_EQ(Pavo_AVCtrl_Load(av, "http://media.test/vod.mp4"), 0);
+  ASSERT_EQ(Pavo_AVCtrl_Play(av, 1.0), 0);
+  double duration = 0;
+  EXPECT_EQ(Pavo_AVCtrl_GetPlayTime(av, &duration), 0);
+  EXPECT_EQ(duration, 60000.0);
+  // Playing would be reported within about 25 ms.
+  PavoAVCtrlPlayState state = PAVO_AVCTRL_PLAYSTATE_STOPPED;
+  EXPECT_FALSE(pavo::test::wait_until(
+      [&] { return Pavo_AVCtrl_GetPlayState(av, &state) == 0 && state != PAVO_AVCTRL_PLAYSTATE_CONNECTING; },
+      Millis(500)))
+      << "state " << state;
+}
+
+// The signal for "dead": a living process (this one, or one of another
+// user) is not ended; a child that has exited is ended before and after it
+// is reaped.
+TEST(QueueReader, EndedProcessesAreToldFromLivingOnes) {
+  EXPECT_FALSE(pavo::ipc::process_ended(getpid()));
+  EXPECT_FALSE(pavo::ipc::process_ended(1));
+  EXPECT_FALSE(pavo::ipc::process_ended(0));
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) _exit(0);
+  ASSERT_TRUE(pavo::test::wait_until([&] { return pavo::ipc::process_ended(child); })) << "zombie";
+  ASSERT_EQ(waitpid(child, nullptr, 0), child);
+  EXPECT_TRUE(pavo::ipc::process_ended(child)) << "reaped";
+}
+
+}  // namespace
+}  // namespace pavo::e2e
