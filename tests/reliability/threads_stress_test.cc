@@ -175,9 +175,11 @@ TEST_F(EndToEnd, EightThreadsOnOneObjectWhileEventsPourIn) {
 
 // Objects made, loaded, played and destroyed at once, on two threads, while
 // the service's reports for them are on their way. The library frees each
-// object in Destroy (AddressSanitizer leg: no use after free); the page's
-// user data is marked dead when Destroy returns (and kept, so that the
-// check itself reads valid memory): no post may come after that.
+// object in Destroy (AddressSanitizer leg: no use after free). Destroy does
+// not wait for a post already running on another thread, so a page that
+// frees its user data unregisters first: every other object does, and its
+// user data is marked dead when UnregisterCallback returns (and kept, so
+// that the check itself reads valid memory): no post may come after that.
 TEST_F(EndToEnd, ObjectsDestroyedWhileTheirEventsAreInFlight) {
   struct Page {
     std::atomic<bool> live{true};
@@ -189,7 +191,8 @@ TEST_F(EndToEnd, ObjectsDestroyedWhileTheirEventsAreInFlight) {
   const auto end = std::chrono::steady_clock::now() + kStress;
   std::atomic<long> objects{0};
   auto churn = [&] {
-    while (std::chrono::steady_clock::now() < end) {
+    for (bool unregister_first = true; std::chrono::steady_clock::now() < end;
+         unregister_first = !unregister_first) {
       void* av = nullptr;
       if (Pavo_AVCtrl_Create(nullptr, &av) != 0) continue;
       auto page = std::make_unique<Page>();
@@ -204,8 +207,11 @@ TEST_F(EndToEnd, ObjectsDestroyedWhileTheirEventsAreInFlight) {
       Pavo_AVCtrl_Play(av, 2.0);
       Pavo_AVCtrl_Seek(av, 5000.0);
       Pavo_AVCtrl_SelectComponent(av, PAVO_AV_COMPONENT_TYPE_AUDIO, 1);
+      if (unregister_first) {
+        Pavo_AVCtrl_UnregisterCallback(av);
+        page->live.store(false);
+      }
       Pavo_AVCtrl_Destroy(av);
-      page->live.store(false);
       std::lock_guard<std::mutex> lock(graveyard_mu);
       graveyard.push_back(std::move(page));
       ++objects;
