@@ -11,6 +11,10 @@
 namespace pavo::service {
 namespace {
 
+// Events that may wait for the library's event queue before the oldest is
+// dropped: keeps the service's memory bounded when the library stops reading.
+constexpr std::size_t kMaxOutgoingEvents = 4096;
+
 std::string reply_text(Json::Value reply, int ret) {
   reply["ret"] = ret;
   return compact_json(reply);
@@ -25,6 +29,11 @@ void Service::start() {
   std::lock_guard<std::mutex> lock(mu_);
   if (clock_.joinable()) return;
   stopping_ = false;
+  {
+    std::lock_guard<std::mutex> out_lock(out_mu_);
+    sender_stopping_ = false;
+  }
+  sender_ = std::thread(&Service::run_sender, this);
   clock_ = std::thread(&Service::run_clock, this);
 }
 
@@ -35,6 +44,12 @@ void Service::stop() {
   }
   wake_.notify_all();
   if (clock_.joinable()) clock_.join();
+  {
+    std::lock_guard<std::mutex> lock(out_mu_);
+    sender_stopping_ = true;
+  }
+  out_ready_.notify_all();
+  if (sender_.joinable()) sender_.join();
 }
 
 void Service::send(Outbox* out) {
@@ -48,11 +63,31 @@ void Service::send(Outbox* out) {
     } else {
       trace("event  %s %s", family == kDrmEvent ? "drm" : "media-sync", text.c_str());
     }
-    const int rc = endpoints_->send_event(text);
-    if (rc != 0) complain("event not sent (transport result %d): %s", rc, text.c_str());
+    std::lock_guard<std::mutex> lock(out_mu_);
+    if (outgoing_.size() >= kMaxOutgoingEvents) {
+      complain("%zu events wait to be sent; the oldest is dropped: %s", outgoing_.size(),
+               outgoing_.front().c_str());
+      outgoing_.pop_front();
+    }
+    outgoing_.push_back(text);
   }
+  if (!out->empty()) out_ready_.notify_one();
   out->clear();
   wake_.notify_all();  // deadlines may have moved
+}
+
+void Service::run_sender() {
+  std::unique_lock<std::mutex> lock(out_mu_);
+  for (;;) {
+    out_ready_.wait(lock, [this] { return sender_stopping_ || !outgoing_.empty(); });
+    if (outgoing_.empty()) return;  // stopping, and everything was sent
+    const std::string text = std::move(outgoing_.front());
+    outgoing_.pop_front();
+    lock.unlock();
+    const int rc = endpoints_->send_event(text);
+    if (rc != 0) complain("event not sent (transport result %d): %s", rc, text.c_str());
+    lock.lock();
+  }
 }
 
 void Service::run_clock() {

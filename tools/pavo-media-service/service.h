@@ -4,14 +4,18 @@
 // happened.
 //
 // Threads: the request server's and the notice server's receive threads call
-// in; one clock thread of its own. One mutex guards all state; events are
-// sent under it so that they leave in order. The service's own request to
-// the library (display source) is made without it.
+// in; a clock thread and an event sender thread of its own. One mutex guards
+// all state; events are put in order on the outgoing list under it, and the
+// sender thread sends them without it: a full event queue (a library whose
+// event thread is busy) delays the events, never a reply or the clock, as a
+// service whose events leave on their own thread would. The service's own
+// request to the library (display source) is made without the lock.
 #ifndef PAVO_MEDIA_SERVICE_SERVICE_H
 #define PAVO_MEDIA_SERVICE_SERVICE_H
 
 #include <condition_variable>
 #include <cstddef>
+#include <deque>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -30,9 +34,10 @@ class Service {
   Service(const Service&) = delete;
   Service& operator=(const Service&) = delete;
 
-  // Starts the clock thread. Idempotent.
+  // Starts the clock and sender threads. Idempotent.
   void start();
-  // Stops and joins the clock thread. Idempotent.
+  // Stops and joins the clock thread, then the sender once it has sent (or
+  // failed to send) what was put out before. Idempotent.
   void stop();
 
   // Answers one request: the reply text (always a JSON object with "ret").
@@ -43,7 +48,8 @@ class Service {
 
  private:
   void run_clock();
-  void send(Outbox* out);  // REQUIRES: mu_ held
+  void send(Outbox* out);  // REQUIRES: mu_ held; puts the events out, in order
+  void run_sender();
   int ask_library_for_source(int source);
 
   Endpoints* endpoints_;
@@ -52,6 +58,12 @@ class Service {
   ServiceState state_;  // guarded by mu_
   bool stopping_ = false;  // guarded by mu_
   std::thread clock_;
+
+  std::mutex out_mu_;
+  std::condition_variable out_ready_;
+  std::deque<std::string> outgoing_;  // guarded by out_mu_
+  bool sender_stopping_ = false;      // guarded by out_mu_
+  std::thread sender_;
 };
 
 }  // namespace pavo::service
