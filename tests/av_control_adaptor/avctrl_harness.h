@@ -98,8 +98,7 @@ class AvctrlTest : public ::testing::Test {
   // requests that arrived since the last call, then the post `event`, if any.
   Seen seen(int event = kAsk, double value = 0.0) {
     std::lock_guard<std::mutex> lock(mutex_);
-    const std::vector<Received> requests =
-        with_requests_ ? service_.requests() : std::vector<Received>();
+    const std::vector<Received> requests = service_.requests();
     for (; requests_seen_ < requests.size(); ++requests_seen_) {
       seen_.emplace_back(kAsk, requests[requests_seen_].json["event_type"].asInt());
     }
@@ -144,13 +143,6 @@ class AvctrlTest : public ::testing::Test {
     standin::media_log_clear();
   }
 
-  // Sets what the callback runs, visibly to an event thread that is not
-  // started after it (the callback reads it after taking mutex_).
-  void on_post(std::function<void(int event)> fn) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    on_post_ = std::move(fn);
-  }
-
   PavoAVCtrlContext* ctx() const { return static_cast<PavoAVCtrlContext*>(handle_); }
 
   // The library's own queues, removed after the library has stopped.
@@ -160,7 +152,6 @@ class AvctrlTest : public ::testing::Test {
   std::mutex mutex_;
   Seen seen_;                      // guarded by mutex_
   std::size_t requests_seen_ = 0;  // guarded by mutex_
-  bool with_requests_ = true;      // off: seen() lists posts only and the callback stays cheap
   std::function<void(int event)> on_post_;  // runs inside the callback
   void* handle_ = nullptr;
 };
