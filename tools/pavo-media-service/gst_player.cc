@@ -54,6 +54,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "pavo-media-service/console.h"
@@ -68,7 +69,7 @@ constexpr auto kPollInterval = std::chrono::milliseconds(10);
 // on without it (state changes and seeks: taken as under way; queries: the
 // last value known).
 constexpr auto kCallWait = std::chrono::milliseconds(500);
-constexpr auto kQueryWait = std::chrono::milliseconds(100);
+constexpr auto kQueryWait = std::chrono::milliseconds(50);
 // A seek or rate change without its async-done after this is given up.
 constexpr auto kSeekLimit = std::chrono::seconds(5);
 // How long closing a pipeline may take before it is left to its thread.
@@ -351,6 +352,7 @@ class GstPlayer final : public PlayerEngine {
   GstBus* bus_ = nullptr;           // owned
   std::unique_ptr<PipelineThread> worker_;  // beside pipeline_: its blocking calls
   mutable double last_position_ = 0.0;      // the last position a query gave
+  mutable Clock::time_point last_position_at_;  // when the pipeline gave it
   Phase watched_phase_ = Phase::kNone;      // the phase phase_since_ dates
   Clock::time_point phase_since_;
   CollectionPtr collection_;
@@ -469,22 +471,31 @@ bool GstPlayer::flush_seek(double rate, double seconds) {
   return ok;
 }
 
-// The pipeline's position; held_position_ when it has none, and the last
-// one known while the pipeline thread is busy or slow to answer.
+// The pipeline's position; held_position_ when it has none. While the
+// pipeline thread is busy or slow to answer: the last one known, carried on
+// at the playing rate (a second at most).
 double GstPlayer::query_position() const {
   if (pipeline_ == nullptr) return held_position_;
-  if (worker_->busy()) return last_position_;
-  const double at = worker_->call<double>(
-      [](GstElement* pipeline) {
-        gint64 ns = 0;
-        return gst_element_query_position(pipeline, GST_FORMAT_TIME, &ns) && ns >= 0
-                   ? static_cast<double>(ns) / GST_SECOND
-                   : -1.0;
-      },
-      -2.0, kQueryWait);
-  if (at == -2.0) return last_position_;
-  last_position_ = at >= 0 ? at : held_position_;
-  return last_position_;
+  using Answer = std::pair<double, Clock::time_point>;
+  const Answer answer =
+      worker_->busy()
+          ? Answer{-2.0, Clock::time_point()}
+          : worker_->call<Answer>(
+                [](GstElement* pipeline) {
+                  gint64 ns = 0;
+                  const bool known = gst_element_query_position(pipeline, GST_FORMAT_TIME, &ns) && ns >= 0;
+                  return Answer{known ? static_cast<double>(ns) / GST_SECOND : -1.0, Clock::now()};
+                },
+                Answer{-2.0, Clock::time_point()}, kQueryWait);
+  if (answer.first >= -1.0) {
+    last_position_ = answer.first >= 0 ? answer.first : held_position_;
+    last_position_at_ = answer.second;
+    return last_position_;
+  }
+  if (state_ != kPlaying || phase_ != Phase::kNone) return last_position_;
+  const double since = std::chrono::duration<double>(Clock::now() - last_position_at_).count();
+  const double carried = last_position_ + std::clamp(since, 0.0, 1.0) * pipeline_rate_;
+  return duration_ > 0 ? std::clamp(carried, 0.0, duration_) : std::max(carried, 0.0);
 }
 
 double GstPlayer::position(Clock::time_point) const {
@@ -524,6 +535,7 @@ int GstPlayer::load(const std::string& url, Clock::time_point now, Outbox* out) 
   rate_pending_ = speed_ != 1.0;
   pipeline_rate_ = 1.0;
   duration_ = held_position_ = last_position_ = 0.0;
+  last_position_at_ = now;
   phase_ = Phase::kConnecting;
   first_preroll_ = true;
   if (state_ == kConnecting) state_ = kLoaded;  // a reload reports connecting again
