@@ -69,7 +69,9 @@ constexpr auto kPollInterval = std::chrono::milliseconds(10);
 // on without it (state changes and seeks: taken as under way; queries: the
 // last value known).
 constexpr auto kCallWait = std::chrono::milliseconds(500);
-constexpr auto kQueryWait = std::chrono::milliseconds(50);
+constexpr auto kQueryWait = std::chrono::milliseconds(200);
+// How long a position is carried on without an answer from the pipeline.
+constexpr double kCarryLimit = 5.0;  // seconds
 // A seek or rate change without its async-done after this is given up.
 constexpr auto kSeekLimit = std::chrono::seconds(5);
 // How long closing a pipeline may take before it is left to its thread.
@@ -473,7 +475,7 @@ bool GstPlayer::flush_seek(double rate, double seconds) {
 
 // The pipeline's position; held_position_ when it has none. While the
 // pipeline thread is busy or slow to answer: the last one known, carried on
-// at the playing rate (a second at most).
+// at the playing rate (kCarryLimit at most).
 double GstPlayer::query_position() const {
   if (pipeline_ == nullptr) return held_position_;
   using Answer = std::pair<double, Clock::time_point>;
@@ -494,7 +496,7 @@ double GstPlayer::query_position() const {
   }
   if (state_ != kPlaying || phase_ != Phase::kNone) return last_position_;
   const double since = std::chrono::duration<double>(Clock::now() - last_position_at_).count();
-  const double carried = last_position_ + std::clamp(since, 0.0, 1.0) * pipeline_rate_;
+  const double carried = last_position_ + std::clamp(since, 0.0, kCarryLimit) * pipeline_rate_;
   return duration_ > 0 ? std::clamp(carried, 0.0, duration_) : std::max(carried, 0.0);
 }
 
