@@ -197,11 +197,6 @@ class PipelineThread {
     return result.wait_for(wait) == std::future_status::ready ? result.get() : fallback;
   }
 
-  // Whether calls wait for the thread (one runs or is queued).
-  bool busy() const {
-    std::lock_guard<std::mutex> lock(shared_->mu);
-    return shared_->running || !shared_->ops.empty();
-  }
   // Whether the call running has run for longer than `limit`.
   bool stuck(Clock::duration limit) const {
     std::lock_guard<std::mutex> lock(shared_->mu);
@@ -469,18 +464,21 @@ bool GstPlayer::flush_seek(double rate, double seconds) {
   if (ok) {
     at_edge_ = false;
     pipeline_rate_ = rate;
+    last_position_ = std::max(seconds, 0.0);  // where the pipeline goes
+    last_position_at_ = Clock::now();
   }
   return ok;
 }
 
 // The pipeline's position; held_position_ when it has none. While the
-// pipeline thread is busy or slow to answer: the last one known, carried on
-// at the playing rate (kCarryLimit at most).
+// pipeline thread hangs in a call or is slow to answer: the last one known
+// (a seek's target after a seek), carried on at the playing rate
+// (kCarryLimit at most).
 double GstPlayer::query_position() const {
   if (pipeline_ == nullptr) return held_position_;
   using Answer = std::pair<double, Clock::time_point>;
   const Answer answer =
-      worker_->busy()
+      worker_->stuck(kQueryWait)
           ? Answer{-2.0, Clock::time_point()}
           : worker_->call<Answer>(
                 [](GstElement* pipeline) {
