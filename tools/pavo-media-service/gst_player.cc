@@ -31,13 +31,30 @@
 // service's lock, so no GStreamer thread ever waits for that lock (a bus
 // handler on a streaming thread could, while a flushing seek under the
 // lock waits for that thread).
+//
+// Nothing that can wait on a streaming thread runs under that lock either:
+// state changes, seeks, queries and events go to the player's pipeline
+// thread (PipelineThread), and the engine waits for their result a bounded
+// time only. A flushing seek can deadlock inside GStreamer (the seek holds
+// the sink bin's lock while its flush waits for a streaming thread that
+// waits for that lock in a pad probe); a caller stuck there would hold the
+// service's lock for good, and the service would not even stop. A seek that
+// does not end in time is given up: when the pipeline thread is stuck in
+// it, the pipeline is left to itself and a new one seeks to the target.
 #include <gst/gst.h>
 
 #include <algorithm>
 #include <cmath>
+#include <condition_variable>
 #include <cstdlib>
+#include <deque>
+#include <functional>
+#include <future>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "pavo-media-service/console.h"
@@ -48,6 +65,17 @@ namespace pavo::service {
 namespace {
 
 constexpr auto kPollInterval = std::chrono::milliseconds(10);
+// How long the engine waits for the pipeline thread's answer before it goes
+// on without it (state changes and seeks: taken as under way; queries: the
+// last value known).
+constexpr auto kCallWait = std::chrono::milliseconds(500);
+constexpr auto kQueryWait = std::chrono::milliseconds(200);
+// How long a position is carried on without an answer from the pipeline.
+constexpr double kCarryLimit = 5.0;  // seconds
+// A seek or rate change without its async-done after this is given up.
+constexpr auto kSeekLimit = std::chrono::seconds(5);
+// How long closing a pipeline may take before it is left to its thread.
+constexpr auto kShutWait = std::chrono::seconds(2);
 constexpr double kMaxSpeed = 64.0;
 
 bool valid_kind(int kind) { return kind >= kVideoTrack && kind <= kSubtitleTrack; }
@@ -134,6 +162,102 @@ struct EngineConfig {
   bool fake_sinks;
 };
 
+// The thread that makes one pipeline's blocking calls, in the order posted.
+// Closing it sets the pipeline to NULL and waits for that kShutWait at most
+// (none when abandoned): a thread stuck in GStreamer is left behind with
+// its own reference to the pipeline, so that no caller waits for it.
+class PipelineThread {
+ public:
+  using Op = std::function<void(GstElement*)>;
+
+  explicit PipelineThread(GstElement* pipeline) : shared_(std::make_shared<Shared>()) {
+    shared_->pipeline = GST_ELEMENT(gst_object_ref(pipeline));
+    finished_ = shared_->finished.get_future();
+    thread_ = std::thread(run, shared_);
+  }
+  ~PipelineThread() { close(kShutWait); }
+  PipelineThread(const PipelineThread&) = delete;
+  PipelineThread& operator=(const PipelineThread&) = delete;
+
+  void post(Op op) {
+    {
+      std::lock_guard<std::mutex> lock(shared_->mu);
+      shared_->ops.push_back(std::move(op));
+    }
+    shared_->cv.notify_one();
+  }
+
+  // Runs `fn` on the thread; its result when that comes within `wait`,
+  // otherwise `fallback` (fn still runs, its result is dropped).
+  template <typename T>
+  T call(std::function<T(GstElement*)> fn, T fallback, Clock::duration wait) {
+    auto promise = std::make_shared<std::promise<T>>();
+    std::future<T> result = promise->get_future();
+    post([fn, promise](GstElement* pipeline) { promise->set_value(fn(pipeline)); });
+    return result.wait_for(wait) == std::future_status::ready ? result.get() : fallback;
+  }
+
+  // Whether the call running has run for longer than `limit`.
+  bool stuck(Clock::duration limit) const {
+    std::lock_guard<std::mutex> lock(shared_->mu);
+    return shared_->running && Clock::now() - shared_->since > limit;
+  }
+
+  // Shuts the pipeline; waits for that `wait` at most.
+  void close(Clock::duration wait) {
+    if (!thread_.joinable()) return;
+    post([](GstElement* pipeline) { gst_element_set_state(pipeline, GST_STATE_NULL); });
+    {
+      std::lock_guard<std::mutex> lock(shared_->mu);
+      shared_->quit = true;
+    }
+    shared_->cv.notify_one();
+    if (finished_.wait_for(wait) == std::future_status::ready) {
+      thread_.join();
+    } else {
+      complain("a pipeline did not shut within %lld ms: left to its thread",
+               static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(wait).count()));
+      thread_.detach();
+    }
+  }
+
+ private:
+  struct Shared {
+    mutable std::mutex mu;
+    std::condition_variable cv;
+    std::deque<Op> ops;
+    bool quit = false;
+    bool running = false;
+    Clock::time_point since;
+    GstElement* pipeline = nullptr;  // the thread's own reference
+    std::promise<void> finished;
+  };
+
+  static void run(std::shared_ptr<Shared> shared) {
+    while (true) {
+      Op op;
+      {
+        std::unique_lock<std::mutex> lock(shared->mu);
+        shared->cv.wait(lock, [&] { return shared->quit || !shared->ops.empty(); });
+        if (shared->ops.empty()) break;
+        op = std::move(shared->ops.front());
+        shared->ops.pop_front();
+        shared->running = true;
+        shared->since = Clock::now();
+      }
+      op(shared->pipeline);
+      std::lock_guard<std::mutex> lock(shared->mu);
+      shared->running = false;
+    }
+    gst_object_unref(shared->pipeline);
+    shared->finished.set_value();
+  }
+
+  std::shared_ptr<Shared> shared_;
+  std::future<void> finished_;
+  std::thread thread_;
+};
+
 class GstPlayer final : public PlayerEngine {
  public:
   GstPlayer(unsigned id, EngineConfig config) : id_(id), config_(config) {}
@@ -186,13 +310,16 @@ class GstPlayer final : public PlayerEngine {
   };
 
   bool make_pipeline();
-  void close_pipeline();
+  bool open_pipeline(const std::string& url);
+  void close_pipeline(Clock::duration wait = kShutWait);
+  void change_state(GstState state, bool drop_messages = false);
+  void watch_phase(Clock::time_point now, Outbox* out);
+  void give_up_seek(Outbox* out);
   void emit(int event, int sub_event, int data1, double data2, Outbox* out) const {
     out->push_back(player_event(id_, event, sub_event, data1, data2));
   }
   void set_state(int state, Outbox* out);
   void poll_soon(Clock::time_point now) { next_poll_ = now + kPollInterval; }
-  void drop_messages();
   bool flush_seek(double rate, double seconds);
   double query_position() const;
   bool seek_under_way() const { return phase_ == Phase::kSeeking || seek_pending_; }
@@ -220,6 +347,11 @@ class GstPlayer final : public PlayerEngine {
 
   GstElement* pipeline_ = nullptr;  // owned; made at the first load
   GstBus* bus_ = nullptr;           // owned
+  std::unique_ptr<PipelineThread> worker_;  // beside pipeline_: its blocking calls
+  mutable double last_position_ = 0.0;      // the last position a query gave
+  mutable Clock::time_point last_position_at_;  // when the pipeline gave it
+  Phase watched_phase_ = Phase::kNone;      // the phase phase_since_ dates
+  Clock::time_point phase_since_;
   CollectionPtr collection_;
   std::vector<Track> tracks_;
   std::vector<std::string> stream_ids_;  // beside tracks_
@@ -264,17 +396,50 @@ bool GstPlayer::make_pipeline() {
   }
   pipeline_ = GST_ELEMENT(gst_object_ref_sink(playbin));
   bus_ = gst_element_get_bus(pipeline_);
+  worker_ = std::make_unique<PipelineThread>(pipeline_);
   return true;
 }
 
-void GstPlayer::close_pipeline() {
+// A new pipeline for `url` (or a file name, made a file URI), still in NULL.
+bool GstPlayer::open_pipeline(const std::string& url) {
+  close_pipeline();
+  if (!make_pipeline()) return false;
+  std::string uri = url;
+  if (!gst_uri_is_valid(url.c_str())) {
+    const GCharPtr made(gst_filename_to_uri(url.c_str(), nullptr));
+    if (made == nullptr) return false;
+    uri = made.get();
+  }
+  g_object_set(pipeline_, "uri", uri.c_str(), nullptr);
+  return true;
+}
+
+void GstPlayer::close_pipeline(Clock::duration wait) {
   if (pipeline_ == nullptr) return;
   collection_.reset();
-  gst_element_set_state(pipeline_, GST_STATE_NULL);
+  worker_->close(wait);
+  worker_.reset();
   gst_object_unref(bus_);
   gst_object_unref(pipeline_);
   bus_ = nullptr;
   pipeline_ = nullptr;
+}
+
+// Asks the pipeline for `state`; with drop_messages, the bus is emptied once
+// it is there (what the pipeline said before is void).
+void GstPlayer::change_state(GstState state, bool drop_messages) {
+  worker_->call<bool>(
+      [state, drop_messages](GstElement* pipeline) {
+        gst_element_set_state(pipeline, state);
+        if (drop_messages) {
+          GstBus* bus = gst_element_get_bus(pipeline);
+          gst_bus_set_flushing(bus, TRUE);
+          gst_bus_set_flushing(bus, FALSE);
+          gst_object_unref(bus);
+        }
+        return true;
+      },
+      false, kCallWait);
 }
 
 void GstPlayer::set_state(int state, Outbox* out) {
@@ -283,31 +448,54 @@ void GstPlayer::set_state(int state, Outbox* out) {
   emit(kStateChangeEvent, 0, state, 0.0, out);
 }
 
-void GstPlayer::drop_messages() {
-  gst_bus_set_flushing(bus_, TRUE);
-  gst_bus_set_flushing(bus_, FALSE);
-}
-
+// A seek whose answer does not come in time is taken as made: its
+// async-done, or the watch on the phase, ends it.
 bool GstPlayer::flush_seek(double rate, double seconds) {
-  const auto flags = static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE);
   const gint64 at = static_cast<gint64>(std::max(seconds, 0.0) * GST_SECOND);
-  const bool ok = rate > 0 ? gst_element_seek(pipeline_, rate, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, at,
-                                              GST_SEEK_TYPE_NONE, GST_CLOCK_TIME_NONE)
-                           : gst_element_seek(pipeline_, rate, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, 0,
-                                              GST_SEEK_TYPE_SET, at);
+  const bool ok = worker_->call<bool>(
+      [rate, at](GstElement* pipeline) -> bool {
+        const auto flags = static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE);
+        return rate > 0 ? gst_element_seek(pipeline, rate, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, at,
+                                           GST_SEEK_TYPE_NONE, GST_CLOCK_TIME_NONE)
+                        : gst_element_seek(pipeline, rate, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, 0,
+                                           GST_SEEK_TYPE_SET, at);
+      },
+      true, kCallWait);
   if (ok) {
     at_edge_ = false;
     pipeline_rate_ = rate;
+    last_position_ = std::max(seconds, 0.0);  // where the pipeline goes
+    last_position_at_ = Clock::now();
   }
   return ok;
 }
 
+// The pipeline's position; held_position_ when it has none. While the
+// pipeline thread hangs in a call or is slow to answer: the last one known
+// (a seek's target after a seek), carried on at the playing rate
+// (kCarryLimit at most).
 double GstPlayer::query_position() const {
-  gint64 at = 0;
-  if (pipeline_ == nullptr || !gst_element_query_position(pipeline_, GST_FORMAT_TIME, &at) || at < 0) {
-    return held_position_;
+  if (pipeline_ == nullptr) return held_position_;
+  using Answer = std::pair<double, Clock::time_point>;
+  const Answer answer =
+      worker_->stuck(kQueryWait)
+          ? Answer{-2.0, Clock::time_point()}
+          : worker_->call<Answer>(
+                [](GstElement* pipeline) {
+                  gint64 ns = 0;
+                  const bool known = gst_element_query_position(pipeline, GST_FORMAT_TIME, &ns) && ns >= 0;
+                  return Answer{known ? static_cast<double>(ns) / GST_SECOND : -1.0, Clock::now()};
+                },
+                Answer{-2.0, Clock::time_point()}, kQueryWait);
+  if (answer.first >= -1.0) {
+    last_position_ = answer.first >= 0 ? answer.first : held_position_;
+    last_position_at_ = answer.second;
+    return last_position_;
   }
-  return static_cast<double>(at) / GST_SECOND;
+  if (state_ != kPlaying || phase_ != Phase::kNone) return last_position_;
+  const double since = std::chrono::duration<double>(Clock::now() - last_position_at_).count();
+  const double carried = last_position_ + std::clamp(since, 0.0, kCarryLimit) * pipeline_rate_;
+  return duration_ > 0 ? std::clamp(carried, 0.0, duration_) : std::max(carried, 0.0);
 }
 
 double GstPlayer::position(Clock::time_point) const {
@@ -332,15 +520,7 @@ int GstPlayer::load(const std::string& url, Clock::time_point now, Outbox* out) 
   if (url.empty()) return -1;
   // A new pipeline for every load: one that ended in an error does not
   // always take a new URI.
-  close_pipeline();
-  if (!make_pipeline()) return -1;
-  std::string uri = url;
-  if (!gst_uri_is_valid(url.c_str())) {
-    const GCharPtr made(gst_filename_to_uri(url.c_str(), nullptr));
-    if (made == nullptr) return -1;
-    uri = made.get();
-  }
-  g_object_set(pipeline_, "uri", uri.c_str(), nullptr);
+  if (!open_pipeline(url)) return -1;
   url_ = url;
   collection_.reset();
   tracks_.clear();
@@ -354,23 +534,30 @@ int GstPlayer::load(const std::string& url, Clock::time_point now, Outbox* out) 
   seek_pending_ = seek_reported_ = buffering_ = at_edge_ = false;
   rate_pending_ = speed_ != 1.0;
   pipeline_rate_ = 1.0;
-  duration_ = held_position_ = 0.0;
+  duration_ = held_position_ = last_position_ = 0.0;
+  last_position_at_ = now;
   phase_ = Phase::kConnecting;
   first_preroll_ = true;
   if (state_ == kConnecting) state_ = kLoaded;  // a reload reports connecting again
   set_state(kConnecting, out);
   // A failure shows as an error message on the bus.
-  gst_element_set_state(pipeline_, GST_STATE_PAUSED);
+  change_state(GST_STATE_PAUSED);
   poll_soon(now);
   return 0;
 }
 
 void GstPlayer::start_playing(Outbox* out) {
   phase_ = Phase::kStarting;
-  gst_element_set_state(pipeline_, GST_STATE_PLAYING);
-  GstState current = GST_STATE_VOID_PENDING, pending = GST_STATE_VOID_PENDING;
-  gst_element_get_state(pipeline_, &current, &pending, 0);
-  if (current == GST_STATE_PLAYING && pending == GST_STATE_VOID_PENDING) {
+  // Playing at once (no state-changed message follows) when it already was.
+  const bool there = worker_->call<bool>(
+      [](GstElement* pipeline) {
+        gst_element_set_state(pipeline, GST_STATE_PLAYING);
+        GstState current = GST_STATE_VOID_PENDING, pending = GST_STATE_VOID_PENDING;
+        gst_element_get_state(pipeline, &current, &pending, 0);
+        return current == GST_STATE_PLAYING && pending == GST_STATE_VOID_PENDING;
+      },
+      false, kCallWait);
+  if (there) {
     phase_ = Phase::kNone;
     set_state(kPlaying, out);
   }
@@ -407,7 +594,7 @@ int GstPlayer::play(Clock::time_point now, Outbox* out) {
       if (at_edge_ && speed_ > 0) {
         // A new pass from the start, reported as playing once under way.
         held_position_ = 0.0;
-        gst_element_set_state(pipeline_, GST_STATE_PAUSED);
+        change_state(GST_STATE_PAUSED);
         if (!flush_seek(speed_, 0.0)) return -1;
         seek_reported_ = false;
         phase_ = Phase::kSeeking;
@@ -425,7 +612,7 @@ int GstPlayer::play(Clock::time_point now, Outbox* out) {
       rate_pending_ = speed_ != 1.0 && speed_ != 0.0;
       pipeline_rate_ = 1.0;
       set_state(kBuffering, out);
-      gst_element_set_state(pipeline_, GST_STATE_PAUSED);
+      change_state(GST_STATE_PAUSED);
       return 0;
     default:  // idle, error
       return -1;
@@ -437,7 +624,7 @@ int GstPlayer::pause(Clock::time_point now, Outbox* out) {
   if (phase_ == Phase::kStarting) {
     phase_ = Phase::kNone;
     play_wanted_ = false;
-    gst_element_set_state(pipeline_, GST_STATE_PAUSED);
+    change_state(GST_STATE_PAUSED);
     set_state(kPaused, out);
     return 0;
   }
@@ -449,7 +636,7 @@ int GstPlayer::pause(Clock::time_point now, Outbox* out) {
       return 0;
     case kPlaying:
       play_wanted_ = false;
-      gst_element_set_state(pipeline_, GST_STATE_PAUSED);
+      change_state(GST_STATE_PAUSED);
       set_state(kPaused, out);
       return 0;
     case kPaused:
@@ -463,8 +650,7 @@ int GstPlayer::pause(Clock::time_point now, Outbox* out) {
 int GstPlayer::stop(Clock::time_point, Outbox* out) {
   if (state_ == kIdle) return 0;
   if (pipeline_ != nullptr) {
-    gst_element_set_state(pipeline_, GST_STATE_READY);
-    drop_messages();
+    change_state(GST_STATE_READY, true);
   }
   phase_ = Phase::kNone;
   seek_pending_ = buffering_ = at_edge_ = false;
@@ -492,7 +678,7 @@ int GstPlayer::seek(double seconds, Clock::time_point now, Outbox* out) {
     return 0;
   }
   const bool playing = state_ == kPlaying || phase_ == Phase::kStarting;
-  if (state_ == kFinished) gst_element_set_state(pipeline_, GST_STATE_PAUSED);
+  if (state_ == kFinished) change_state(GST_STATE_PAUSED);
   const double rate = speed_ != 0.0 ? speed_ : pipeline_rate_;
   if (!flush_seek(rate, seconds)) return -1;
   play_wanted_ = playing;
@@ -522,7 +708,7 @@ int GstPlayer::set_rate(double thousandths, Clock::time_point now, Outbox* out) 
     return 0;
   }
   const double from = position(now);
-  if (state_ == kFinished) gst_element_set_state(pipeline_, GST_STATE_PAUSED);
+  if (state_ == kFinished) change_state(GST_STATE_PAUSED);
   if (!flush_seek(speed, from)) return -1;  // the demuxer cannot play at this rate
   speed_ = speed;
   held_position_ = from;
@@ -583,18 +769,22 @@ int GstPlayer::change_selection(int kind, int index, Outbox* out) {
 }
 
 bool GstPlayer::send_selection() {
-  GList* ids = nullptr;
+  std::vector<std::string> wanted;
   for (int k = kVideoTrack; k <= kSubtitleTrack; ++k) {
     int seen = 0;
     for (std::size_t i = 0; i < tracks_.size(); ++i) {
-      if (tracks_[i].kind == k && seen++ == wanted_[k]) {
-        ids = g_list_append(ids, const_cast<char*>(stream_ids_[i].c_str()));
-      }
+      if (tracks_[i].kind == k && seen++ == wanted_[k]) wanted.push_back(stream_ids_[i]);
     }
   }
-  const bool sent = gst_element_send_event(pipeline_, gst_event_new_select_streams(ids));
-  g_list_free(ids);
-  return sent;
+  return worker_->call<bool>(
+      [wanted](GstElement* pipeline) -> bool {
+        GList* ids = nullptr;
+        for (const std::string& id : wanted) ids = g_list_append(ids, const_cast<char*>(id.c_str()));
+        const bool sent = gst_element_send_event(pipeline, gst_event_new_select_streams(ids));
+        g_list_free(ids);
+        return sent;
+      },
+      true, kCallWait);
 }
 
 bool GstPlayer::selection_differs() const {
@@ -629,7 +819,56 @@ void GstPlayer::advance(Clock::time_point now, Outbox* out) {
     if (!message) break;
     handle(message.get(), out);
   }
+  watch_phase(now, out);
   if (state_ != kIdle && state_ != kStopped && state_ != kError) poll_soon(now);
+}
+
+// Seeks and rate changes end with an async-done; one that has not come
+// after kSeekLimit never will, or the pipeline is wedged in the seek.
+void GstPlayer::watch_phase(Clock::time_point now, Outbox* out) {
+  if (phase_ != watched_phase_) {
+    watched_phase_ = phase_;
+    phase_since_ = now;
+    return;
+  }
+  if ((phase_ != Phase::kSeeking && phase_ != Phase::kRateChange) || now - phase_since_ < kSeekLimit) return;
+  watched_phase_ = Phase::kNone;  // a new watch from here
+  give_up_seek(out);
+}
+
+void GstPlayer::give_up_seek(Outbox* out) {
+  if (!worker_->stuck(kSeekLimit / 2)) {
+    // The pipeline runs, only the async-done is missing: take it as come.
+    trace("player %u: no async-done for the seek: taken as done", id_);
+    on_async_done(out);
+    return;
+  }
+  // The pipeline thread hangs in GStreamer: leave that pipeline behind and
+  // seek on a new one, which ends the seek or rate change as if nothing
+  // happened.
+  const bool rate_change = phase_ == Phase::kRateChange && !seek_pending_;
+  complain("player %u: the pipeline hangs in a seek: a new one goes to %.3f s", id_,
+           rate_change ? held_position_ : seek_target_);
+  const std::string url = url_;
+  close_pipeline(Clock::duration::zero());
+  if (!open_pipeline(url)) {
+    phase_ = Phase::kNone;
+    seek_pending_ = false;
+    emit(kErrorEvent, kFormatError, 0, 0.0, out);
+    set_state(kError, out);
+    return;
+  }
+  if (rate_change) {
+    play_wanted_ = state_ == kPlaying || (state_ == kPaused && play_wanted_);
+    rate_pending_ = true;  // from held_position_ at speed_
+  } else {
+    seek_pending_ = true;  // to seek_target_
+  }
+  pipeline_rate_ = 1.0;
+  buffering_ = false;
+  first_preroll_ = true;  // the selection goes again to the new pipeline
+  phase_ = Phase::kPrerolling;
+  change_state(GST_STATE_PAUSED);
 }
 
 void GstPlayer::handle(GstMessage* message, Outbox* out) {
@@ -684,8 +923,7 @@ void GstPlayer::on_error(GstMessage* message, Outbox* out) {
   if (error != nullptr) g_error_free(error);
   g_free(debug);
   held_position_ = query_position();
-  gst_element_set_state(pipeline_, GST_STATE_NULL);
-  drop_messages();
+  change_state(GST_STATE_NULL, true);
   phase_ = Phase::kNone;
   seek_pending_ = buffering_ = false;
   emit(kErrorEvent, code, 0, 0.0, out);
@@ -717,7 +955,7 @@ void GstPlayer::on_buffering(int percent, Outbox* out) {
       buffering_ = true;
       play_wanted_ = true;
       phase_ = Phase::kNone;
-      gst_element_set_state(pipeline_, GST_STATE_PAUSED);
+      change_state(GST_STATE_PAUSED);
       set_state(kBuffering, out);
     } else if (phase_ == Phase::kPrerolling) {
       buffering_ = true;
@@ -791,6 +1029,7 @@ void GstPlayer::run_waiting_seek() {
   seek_pending_ = rate_pending_ = false;
   seek_target_ = target;
   phase_ = Phase::kSeeking;
+  watched_phase_ = Phase::kNone;  // a new seek: a new watch
   if (!flush_seek(rate, target) && rate != pipeline_rate_) {
     flush_seek(pipeline_rate_, target);  // the rate is refused: keep the one that plays
   }
@@ -814,10 +1053,14 @@ void GstPlayer::on_async_done(Outbox* out) {
   switch (phase_) {
     case Phase::kConnecting:
     case Phase::kPrerolling: {
-      gint64 length = 0;
-      duration_ = gst_element_query_duration(pipeline_, GST_FORMAT_TIME, &length) && length >= 0
-                      ? static_cast<double>(length) / GST_SECOND
-                      : kUnknownDuration;
+      duration_ = worker_->call<double>(
+          [](GstElement* pipeline) {
+            gint64 length = 0;
+            return gst_element_query_duration(pipeline, GST_FORMAT_TIME, &length) && length >= 0
+                       ? static_cast<double>(length) / GST_SECOND
+                       : kUnknownDuration;
+          },
+          kUnknownDuration, kCallWait);
       read_tracks();  // the tags are in by now
       if (state_ == kConnecting) set_state(kBuffering, out);
       if (seek_pending_ || rate_pending_) {
