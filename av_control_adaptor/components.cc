@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "av_control_adaptor/context.h"
+#include "av_control_adaptor/object.h"
 #include "av_control_adaptor/media_log.h"
 #include "av_control_adaptor/request.h"
 #include "pavo_avctrl.h"

@@ -12,11 +12,10 @@
 #include "av_control_adaptor/event_translation.h"
 
 #include "av_control_adaptor/components.h"
-#include "av_control_adaptor/context.h"
-#include "av_control_adaptor/exception_barrier.h"
-#include "av_control_adaptor/live_objects.h"
 #include "av_control_adaptor/media_log.h"
-#include "av_control_adaptor/posting.h"
+#include "av_control_adaptor/object_lifetime.h"
+#include "av_control_adaptor/plugin_callback.h"
+#include "base/callback_guard.h"
 #include "pavo_avctrl.h"
 #include "pavo_mediaplayer_adaptor.h"
 #include "pavo_record_list.h"
@@ -40,9 +39,10 @@ namespace {
 
 constexpr const char* kFunction = "mediaplayer_adaptor_callback";
 
-// The posts of the translation: under the callback lock, announced.
-void post(PavoAVCtrlContext* ctx, PavoAVCtrlEvent event, const PavoAVCtrlEventInfo& info) {
-  post_locked(ctx, event, info, [] { AVCTRL_LOG_AS(kFunction, "invoke js callback"); });
+// The posts of the translation, announced (the held-back speed is not).
+void post_announced(PavoAVCtrlContext* ctx, PavoAVCtrlEvent event,
+                    const PavoAVCtrlEventInfo& info) {
+  post(ctx, event, info, [] { AVCTRL_LOG_AS(kFunction, "invoke js callback"); });
 }
 
 void on_seek_completed(PavoAVCtrlContext* ctx, double position_s) {
@@ -59,7 +59,7 @@ void on_seek_completed(PavoAVCtrlContext* ctx, double position_s) {
     }
   }
   if (start_waiting) Pavo_AVCtrl_Seek(ctx, waiting_position_ms);
-  post(ctx, PAVO_AVCTRL_EVENT_POSITIONCHANGE, event_info(position_s * 1000.0));
+  post_announced(ctx, PAVO_AVCTRL_EVENT_POSITIONCHANGE, event_info(position_s * 1000.0));
 }
 
 void on_error(PavoAVCtrlContext* ctx, PavoMediaError error, int data1) {
@@ -82,18 +82,18 @@ void on_error(PavoAVCtrlContext* ctx, PavoMediaError error, int data1) {
       break;
     case PAVO_MEDIA_ERR_ENCRYPTED:
       AVCTRL_LOG_AS(kFunction, "receive DRM errorCode=%d", data1);
-      post(ctx, PAVO_AVCTRL_EVENT_DRMERROR, event_info(static_cast<int32_t>(data1)));
+      post_announced(ctx, PAVO_AVCTRL_EVENT_DRMERROR, event_info(static_cast<int32_t>(data1)));
       break;
     case 4:  // the service's own error numbers, without names here
       ctx->error.store(PAVO_AVCTRL_ERROR_CORRUPT);
-      post(ctx, PAVO_AVCTRL_EVENT_MEDIAERROR, event_info(int32_t{0}));
+      post_announced(ctx, PAVO_AVCTRL_EVENT_MEDIAERROR, event_info(int32_t{0}));
       break;
     case 6:
       ctx->error.store(PAVO_AVCTRL_ERROR_NOT_AVAILABLE);
-      post(ctx, PAVO_AVCTRL_EVENT_MEDIAERROR, event_info(int32_t{0}));
+      post_announced(ctx, PAVO_AVCTRL_EVENT_MEDIAERROR, event_info(int32_t{0}));
       break;
     default:
-      post(ctx, PAVO_AVCTRL_EVENT_MEDIAERROR, event_info(int32_t{0}));
+      post_announced(ctx, PAVO_AVCTRL_EVENT_MEDIAERROR, event_info(int32_t{0}));
       break;
   }
 }
@@ -151,7 +151,7 @@ void on_state_change(PavoAVCtrlContext* ctx, int data1) {
     // knows the speed before it sees playback start.
     const double held_back = ctx->pending_speed.load();
     if (held_back != PAVO_AVCTRL_PENDING_NONE) {
-      post_unlocked(ctx, PAVO_AVCTRL_EVENT_SPEEDCHANGE, event_info(held_back));
+      post(ctx, PAVO_AVCTRL_EVENT_SPEEDCHANGE, event_info(held_back));
     }
     ctx->pending_speed.store(PAVO_AVCTRL_PENDING_NONE);
   }
@@ -176,7 +176,7 @@ void on_state_change(PavoAVCtrlContext* ctx, int data1) {
     ctx->prev_state.store(ctx->play_state.load());
     ctx->play_state.store(s);
   }
-  post(ctx, PAVO_AVCTRL_EVENT_PLAYSTATECHANGE, event_info(s));
+  post_announced(ctx, PAVO_AVCTRL_EVENT_PLAYSTATECHANGE, event_info(s));
 }
 
 void on_speed_change(PavoAVCtrlContext* ctx, int data1) {
@@ -185,7 +185,7 @@ void on_speed_change(PavoAVCtrlContext* ctx, int data1) {
   ctx->speed.store(speed);
   if (ctx->play_state.load() == PAVO_AVCTRL_PLAYSTATE_PLAYING) {
     ctx->pending_speed.store(PAVO_AVCTRL_PENDING_NONE);
-    post(ctx, PAVO_AVCTRL_EVENT_SPEEDCHANGE, event_info(speed));
+    post_announced(ctx, PAVO_AVCTRL_EVENT_SPEEDCHANGE, event_info(speed));
   } else {
     ctx->pending_speed.store(speed);
   }
@@ -205,7 +205,7 @@ void on_track_change(PavoAVCtrlContext* ctx, int data1) {
   AVCTRL_LOG_AS(kFunction, "receive msg PAVO_MEDIA_PLUGIN_EVENT_TRACKCHANGE, track type: %d",
                 static_cast<int>(type));
   collect_components(type);
-  post(ctx, PAVO_AVCTRL_EVENT_COMPONENTCHANGE, event_info(static_cast<int32_t>(type)));
+  post_announced(ctx, PAVO_AVCTRL_EVENT_COMPONENTCHANGE, event_info(static_cast<int32_t>(type)));
 }
 
 void on_components_updated(int data1) {
@@ -248,9 +248,8 @@ void mediaplayer_adaptor_callback(PavoMediaPluginEvent event, PavoMediaError err
                                   const void* user_data, int data1, double data2) {
   if (user_data == nullptr) return;
   auto* ctx = static_cast<PavoAVCtrlContext*>(const_cast<void*>(user_data));
+  pavo::avctrl::ObjectRef ref(ctx);
+  if (!ref.held()) return;  // destroyed: its events go nowhere
   // Nothing may reach the event thread: an exception loses this event only.
-  pavo::avctrl::without_exceptions([&] {
-    pavo::avctrl::Translation translation(ctx);
-    if (translation.alive()) pavo::avctrl::translate(ctx, event, error, data1, data2);
-  });
+  pavo::call_guarded(nullptr, [&] { pavo::avctrl::translate(ctx, event, error, data1, data2); });
 }

@@ -9,6 +9,9 @@
 
 namespace pavo::avctrl {
 
+// The translation's answer for a service state that it ignores.
+constexpr int32_t PAVO_AVCTRL_PLAYSTATE_IGNORE = 99;
+
 // The service's player state (data1 of a state change) as an A/V control
 // play state; PAVO_AVCTRL_PLAYSTATE_IGNORE (99) for a state that the
 // translation ignores (3, and everything outside 0..10).
@@ -23,8 +26,9 @@ int32_t play_state_of(int service_state);
 // starts, starts a waiting seek, collects the component list on track
 // events, and posts the resulting events to the plug-in's callback. Makes
 // synchronous requests to the service (a waiting seek, the rewind recovery,
-// the component queries). Events for an object that is gone, and unknown
-// events and states, are ignored. Never throws.
+// the component queries). Holds a reference to the object while it works;
+// events for a destroyed object, and unknown events and states, are
+// ignored. Never throws.
 void mediaplayer_adaptor_callback(PavoMediaPluginEvent event, PavoMediaError error,
                                   const void* user_data, int data1, double data2);
 

@@ -5,15 +5,18 @@
 // report it (Load from an idle state, Pause before playback started, and
 // Pavo_AVCtrl_SetPlayState); every other change comes from the service's
 // reports (event_translation.cc), filtered against `last_command`.
-#include "av_control_adaptor/context.h"
 #include "av_control_adaptor/media_log.h"
-#include "av_control_adaptor/posting.h"
+#include "av_control_adaptor/object_lifetime.h"
+#include "av_control_adaptor/plugin_callback.h"
 #include "av_control_adaptor/request.h"
 #include "pavo_avctrl.h"
 #include "pavo_mediaplayer_adaptor.h"
 
 using pavo::avctrl::event_info;
 using pavo::avctrl::locked_request;
+using pavo::MutexLock;
+using pavo::avctrl::ObjectRef;
+using pavo::avctrl::post;
 
 namespace {
 
@@ -26,6 +29,7 @@ int Pavo_AVCtrl_Load(void* handle, const char* url) {
   AVCTRL_LOG("in_source=%s", printable(url));
   PavoAVCtrlContext* ctx = avctrl_context(handle);
   if (ctx == nullptr || url == nullptr) return -3;
+  const ObjectRef keep(ctx);  // the callback of the post below may destroy the object
   const int32_t state = ctx->play_state.load();
   if (state == PAVO_AVCTRL_PLAYSTATE_STOPPED || state == PAVO_AVCTRL_PLAYSTATE_FINISHED ||
       state == PAVO_AVCTRL_PLAYSTATE_ERROR) {
@@ -51,7 +55,7 @@ int Pavo_AVCtrl_Play(void* handle, double speed) {
   if (ctx->speed.load() == speed) {
     // The service reports only changes: tell the page its speed is in effect.
     AVCTRL_LOG("speed not changed ,post speed change msg, speed=%f", speed);
-    pavo::avctrl::post_unlocked(ctx, PAVO_AVCTRL_EVENT_SPEEDCHANGE, event_info(speed));
+    post(ctx, PAVO_AVCTRL_EVENT_SPEEDCHANGE, event_info(speed));
   } else {
     // The service's speed report posts the change.
     ctx->speed.store(speed);
@@ -90,7 +94,7 @@ int Pavo_AVCtrl_Pause(void* handle) {
         ctx->speed.store(0.0);
         AVCTRL_LOG("post speed change msg, speed=0");
       }
-      pavo::avctrl::post_unlocked(ctx, PAVO_AVCTRL_EVENT_SPEEDCHANGE, event_info(0.0));
+      post(ctx, PAVO_AVCTRL_EVENT_SPEEDCHANGE, event_info(0.0));
       break;
     }
     default:  // paused, finished, error
@@ -135,13 +139,11 @@ int Pavo_AVCtrl_Seek(void* handle, double position_ms) {
     // Put the page's position display back where playback really is.
     double seconds = 0.0;
     mp->GetCurrentTime(ctx->player_id, &seconds);
-    pavo::avctrl::CallbackLock callback(ctx);
-    const CallbackPair::Value pair = ctx->callback.load();
-    if (pair.callback != nullptr) {
-      AVCTRL_LOG("seek failed, trigger playpostionchagne event!");
-      pavo::avctrl::invoke_callback(pair.callback, PAVO_AVCTRL_EVENT_POSITIONCHANGE,
-                                    event_info(seconds * 1000.0), pair.user_data);
-    }
+    const ObjectRef keep(ctx);  // the callback may destroy the object
+    const char* const function = __func__;
+    post(ctx, PAVO_AVCTRL_EVENT_POSITIONCHANGE, event_info(seconds * 1000.0), [function] {
+      AVCTRL_LOG_AS(function, "seek failed, trigger playpostionchagne event!");
+    });
     ctx->seeking.store(false);
   }
   return result;
@@ -156,11 +158,9 @@ int Pavo_AVCtrl_SetPlayState(void* handle, PavoAVCtrlPlayState state) {
   ctx->prev_state.store(current);
   ctx->play_state.store(state);
   const char* const function = __func__;
-  pavo::avctrl::post_locked(ctx, PAVO_AVCTRL_EVENT_PLAYSTATECHANGE,
-                            event_info(static_cast<int32_t>(state)), [&] {
-                              AVCTRL_LOG_AS(function, "invoke state change callback, state is %d",
-                                            static_cast<int>(state));
-                            });
+  post(ctx, PAVO_AVCTRL_EVENT_PLAYSTATECHANGE, event_info(static_cast<int32_t>(state)), [&] {
+    AVCTRL_LOG_AS(function, "invoke state change callback, state is %d", static_cast<int>(state));
+  });
   return 0;
 }
 

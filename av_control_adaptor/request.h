@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "av_control_adaptor/context.h"
+#include "av_control_adaptor/object.h"
 #include "pavo_mediaplayer_adaptor.h"
 
 namespace pavo::avctrl {

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <new>
 
-#include "av_control_adaptor/context.h"
+#include "av_control_adaptor/object.h"
 #include "av_control_adaptor/media_log.h"
 #include "av_control_adaptor/request.h"
 #include "pavo_avctrl.h"
@@ -45,6 +45,13 @@ int Pavo_AVCtrl_SetLoop(void* handle, int count) {
   if (ctx == nullptr || count < -1) return -3;
   return locked_request(
       ctx, [&](MediaPlayerAdaptor& mp, unsigned id) { return mp.SetLoopCount(id, count); });
+}
+
+int Pavo_AVCtrl_SetMimeType(void* handle, const char* mime) {
+  PavoAVCtrlContext* ctx = avctrl_context(handle);
+  if (ctx == nullptr || mime == nullptr) return -3;
+  return locked_request(
+      ctx, [&](MediaPlayerAdaptor& mp, unsigned id) { return mp.SetMimetype(id, mime); });
 }
 
 int Pavo_AVCtrl_SetLAURL(void* handle, const char* url) {

@@ -218,16 +218,10 @@ void BM_TranslatedStateReport(benchmark::State& state) {
   });
 }
 
-void placements(benchmark::internal::Benchmark* b) {
-  b->ArgNames({"placement"});
-  for (int placement : {pavo::bench::kOneCore, pavo::bench::kTwoCores}) b->Args({placement});
-  b->UseRealTime()->Unit(benchmark::kMicrosecond);
-}
-
-BENCHMARK(BM_GetCurrentTime)->Apply(placements);
-BENCHMARK(BM_GetPosition)->Apply(placements);
-BENCHMARK(BM_PlainEventDispatch)->Apply(placements);
-BENCHMARK(BM_TranslatedStateReport)->Apply(placements);
+BENCHMARK(BM_GetCurrentTime)->Apply(pavo::bench::per_placement);
+BENCHMARK(BM_GetPosition)->Apply(pavo::bench::per_placement);
+BENCHMARK(BM_PlainEventDispatch)->Apply(pavo::bench::per_placement);
+BENCHMARK(BM_TranslatedStateReport)->Apply(pavo::bench::per_placement);
 
 }  // namespace
 
@@ -236,7 +230,7 @@ int main(int argc, char** argv) {
   pavo::bench::use_private_ipc_namespace();
   return pavo::bench::run_with_ratios(argc, argv, [](pavo::bench::RatioReporter& r) {
     for (int placement : {pavo::bench::kTwoCores, pavo::bench::kOneCore}) {
-      const std::string args = "/placement:" + std::to_string(placement) + "/real_time";
+      const std::string args = pavo::bench::placement_suffix(placement);
       const std::string where = pavo::bench::placement_name(placement);
       r.ratio("GetPosition / GetCurrentTime, " + where, "BM_GetPosition" + args,
               "BM_GetCurrentTime" + args, 1.1);

@@ -221,17 +221,11 @@ void run_service(benchmark::State& state, bool with_event) {
 void BM_ServiceCommand(benchmark::State& state) { run_service(state, false); }
 void BM_ServiceRequestAndEvent(benchmark::State& state) { run_service(state, true); }
 
-void placements(benchmark::internal::Benchmark* b) {
-  b->ArgNames({"placement"});
-  for (int placement : {pavo::bench::kOneCore, pavo::bench::kTwoCores}) b->Args({placement});
-  b->UseRealTime()->Unit(benchmark::kMicrosecond);
-}
-
-BENCHMARK(BM_RawPingPong)->Apply(placements);
-BENCHMARK(BM_TransportExchange)->Apply(placements);
-BENCHMARK(BM_TransportRequestAndEvent)->Apply(placements);
-BENCHMARK(BM_ServiceCommand)->Apply(placements);
-BENCHMARK(BM_ServiceRequestAndEvent)->Apply(placements);
+BENCHMARK(BM_RawPingPong)->Apply(pavo::bench::per_placement);
+BENCHMARK(BM_TransportExchange)->Apply(pavo::bench::per_placement);
+BENCHMARK(BM_TransportRequestAndEvent)->Apply(pavo::bench::per_placement);
+BENCHMARK(BM_ServiceCommand)->Apply(pavo::bench::per_placement);
+BENCHMARK(BM_ServiceRequestAndEvent)->Apply(pavo::bench::per_placement);
 
 }  // namespace
 
@@ -240,7 +234,7 @@ int main(int argc, char** argv) {
   pavo::bench::use_private_ipc_namespace();
   return pavo::bench::run_with_ratios(argc, argv, [](pavo::bench::RatioReporter& r) {
     for (int placement : {pavo::bench::kTwoCores, pavo::bench::kOneCore}) {
-      const std::string args = "/placement:" + std::to_string(placement) + "/real_time";
+      const std::string args = pavo::bench::placement_suffix(placement);
       const std::string where = pavo::bench::placement_name(placement);
       r.ratio("service command / transport exchange, " + where, "BM_ServiceCommand" + args,
               "BM_TransportExchange" + args);

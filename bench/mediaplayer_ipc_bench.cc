@@ -279,16 +279,10 @@ void BM_JsonLibrary_GetTrackByIndex(benchmark::State& state) {
   }
 }
 
-void placements(benchmark::internal::Benchmark* b) {
-  b->ArgNames({"placement"});
-  for (int placement : {pavo::bench::kOneCore, pavo::bench::kTwoCores}) b->Args({placement});
-  b->UseRealTime()->Unit(benchmark::kMicrosecond);
-}
-
-BENCHMARK(BM_RawPingPong)->Apply(placements);
-BENCHMARK(BM_TransportExchange)->Apply(placements);
-BENCHMARK(BM_GetCurrentTime)->Apply(placements);
-BENCHMARK(BM_EventDispatch)->Apply(placements);
+BENCHMARK(BM_RawPingPong)->Apply(pavo::bench::per_placement);
+BENCHMARK(BM_TransportExchange)->Apply(pavo::bench::per_placement);
+BENCHMARK(BM_GetCurrentTime)->Apply(pavo::bench::per_placement);
+BENCHMARK(BM_EventDispatch)->Apply(pavo::bench::per_placement);
 BENCHMARK(BM_JsonBaseline_GetCurrentTime)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_JsonLibrary_GetCurrentTime)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_JsonBaseline_GetTrackByIndex)->Unit(benchmark::kMicrosecond);
@@ -303,7 +297,7 @@ int main(int argc, char** argv) {
   ScopedPin pin(0);
   return pavo::bench::run_with_ratios(argc, argv, [](pavo::bench::RatioReporter& r) {
     for (int placement : {pavo::bench::kTwoCores, pavo::bench::kOneCore}) {
-      const std::string args = "/placement:" + std::to_string(placement) + "/real_time";
+      const std::string args = pavo::bench::placement_suffix(placement);
       const std::string where = pavo::bench::placement_name(placement);
       const double limit = placement == pavo::bench::kTwoCores ? 1.3 : 0;
       r.ratio("command / transport exchange, " + where, "BM_GetCurrentTime" + args,

@@ -27,17 +27,11 @@
  * Destroy.
  *
  * The plug-in's callback (PavoAVCtrlCallback) runs on the event thread, and
- * for the speed changes of Pavo_AVCtrl_Play and Pavo_AVCtrl_Pause on the
- * thread that calls them. Most posts hold the object's callback lock while
- * the callback runs: Pavo_AVCtrl_UnregisterCallback does not return while a
- * locked post is in progress, and no locked post starts afterwards. The
- * callback may call this interface, its own object included (it may, for
- * example, unregister itself). Functions of its own object that send a
- * request wait for the object's operation lock, which
- * Pavo_AVCtrl_RegisterCallback and Pavo_AVCtrl_UnregisterCallback on another
- * thread hold while they wait for the callback: the callback must not be
- * changed from another thread while it makes requests on its object. An
- * exception thrown by the callback is swallowed.
+ * for the posts of Pavo_AVCtrl_Play, Pause, Load, Seek and SetPlayState on
+ * the thread that calls them. Neither of the object's locks is held while it
+ * runs: it may call this interface, its own object included (unregister
+ * itself, send requests, destroy the object). Posts on different threads may
+ * run at the same time. An exception thrown by the callback is swallowed.
  *
  * Symbols carry their argument types (C++ linkage).
  */
@@ -69,12 +63,11 @@ PAVO_EXPORT int Pavo_AVCtrl_Finalize();
  */
 PAVO_EXPORT int Pavo_AVCtrl_Create(void* unused, void** handle_out);
 /*
- * Destroys the service player and the object. Waits for an event of this
- * object that the event thread is translating to finish; called from the
- * object's own callback on the event thread, it releases the object when
- * that callback returns. (From a callback that runs inside another call on
- * the same object, such as the speed post of Pavo_AVCtrl_Play, it must not
- * be called: that is use of the handle during its destruction.)
+ * Destroys the service player and the object. Waits for no callback: no post
+ * starts after it returns, but a post already running on another thread may
+ * still finish afterwards. An event being translated, or a post in progress
+ * (the call may come from the callback itself), keeps the object until it
+ * ends; the player is then destroyed from that thread.
  * Always 0; a null handle, or one that is no live object (destroyed
  * already), changes nothing.
  */
@@ -91,8 +84,11 @@ PAVO_EXPORT void* Pavo_AVCtrl_GetHandle();
 /* ---- Callbacks and MIME type -------------------------------------------- */
 
 /* Sets (or, with Unregister, clears) the object's event callback and the user
- * data handed back to it; waits for a request or a locked post of the object
- * in progress. Returns 0; -3 for a null handle. */
+ * data handed back to it; waits for a request of the object in progress.
+ * Unregister also waits until no post of the object runs on another thread,
+ * so that the user data may be released when it returns: it must not be
+ * called while holding a lock that the callback takes. From inside the
+ * object's callback it does not wait. Returns 0; -3 for a null handle. */
 PAVO_EXPORT int Pavo_AVCtrl_RegisterCallback(void* handle, PavoAVCtrlCallback cb,
                                              const void* user_data);
 PAVO_EXPORT int Pavo_AVCtrl_UnregisterCallback(void* handle);

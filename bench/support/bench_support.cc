@@ -16,6 +16,14 @@ const char* placement_name(int placement) {
 int caller_cpu(int) { return 0; }
 int responder_cpu(int placement) { return placement == kOneCore ? 0 : 1; }
 
+void per_placement(benchmark::internal::Benchmark* b) {
+  b->ArgNames({"placement"});
+  for (int placement : {kOneCore, kTwoCores}) b->Args({placement});
+  b->UseRealTime()->Unit(benchmark::kMicrosecond);
+}
+
+std::string placement_suffix(int placement) { return "/placement:" + std::to_string(placement) + "/real_time"; }
+
 namespace {
 bool pin(int cpu) {
   cpu_set_t set;

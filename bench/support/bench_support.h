@@ -25,6 +25,12 @@ const char* placement_name(int placement);
 int caller_cpu(int placement);
 int responder_cpu(int placement);
 
+// Registers a benchmark once per placement (argument "placement"), timed in
+// real time and reported in microseconds: use as BENCHMARK(f)->Apply(per_placement).
+void per_placement(benchmark::internal::Benchmark* b);
+// The name suffix Google Benchmark gives such a run: "/placement:<p>/real_time".
+std::string placement_suffix(int placement);
+
 // Pins the calling thread to one CPU; restores the previous mask on destruction.
 class ScopedPin {
  public:

@@ -12,8 +12,9 @@
 #include <utility>
 #include <vector>
 
-#include "av_control_adaptor/context.h"
 #include "av_control_adaptor/event_translation.h"
+#include "av_control_adaptor/handle_lookup.h"
+#include "av_control_adaptor/object.h"
 #include "hbbtv_plugin_impl_standin.h"
 #include "pavo_avctrl.h"
 #include "pavo_media_log_standin.h"
@@ -141,6 +142,13 @@ class AvctrlTest : public ::testing::Test {
     seen_.clear();
     requests_seen_ = 0;
     standin::media_log_clear();
+  }
+
+  // Sets what the callback runs, visibly to an event thread that is not
+  // started after it (the callback reads it after taking mutex_).
+  void on_post(std::function<void(int event)> fn) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    on_post_ = std::move(fn);
   }
 
   PavoAVCtrlContext* ctx() const { return static_cast<PavoAVCtrlContext*>(handle_); }

@@ -1,14 +1,9 @@
 // The service's player events as the plug-in sees them: state filters, held
 // back speeds, the rewind recovery, errors, seeks and track events.
-#include <chrono>
-#include <thread>
-
 #include "avctrl_harness.h"
 
 namespace pavo::test {
 namespace {
-
-using namespace std::chrono_literals;
 
 enum : int32_t { PLAY = AVCTRL_CMD_PLAY, PAUSE = AVCTRL_CMD_PAUSE, SEEK, NONE };
 constexpr double kNone = PAVO_AVCTRL_PENDING_NONE;
@@ -117,21 +112,6 @@ TEST_F(AvctrlTest, TrackEventsCollectTheComponentsAndOnlyTrackChangesPost) {
                                5, 0);
   EXPECT_EQ(seen(), (Seen{{kAsk, 23}, {kAsk, 24}, {kAsk, 24}})) << "collected, nothing posted";
   EXPECT_EQ(requests_of(23).at(0)["track_type"], 2);
-}
-
-// A plug-in thread holds op_mutex while its request waits for a slow reply;
-// meanwhile the event thread needs op_mutex and makes requests of its own.
-TEST_F(AvctrlTest, EventThreadRequestsWhileAPlugInThreadWaitsForItsReplyDoNotDeadlock) {
-  service_.script(10, Answer::json(reply_with(0, "current_time", 2.0), 300ms));
-  answer(23, reply_with(0, "num", 1));
-  double position = 0;
-  std::thread plug_in([&] { EXPECT_EQ(Pavo_AVCtrl_GetPosition(handle_, &position), 0); });
-  ASSERT_TRUE(service_.wait_for_requests(1));
-  ASSERT_TRUE(service_.send_event(player_event(PAVO_MEDIA_PLUGIN_EVENT_TRACKCHANGE, 1)));
-  ASSERT_TRUE(wait_until([&] { return seen().size() == 4; }));  // after the post
-  plug_in.join();
-  EXPECT_EQ(position, 2000.0);
-  EXPECT_EQ(seen(), (Seen{{kAsk, 10}, {kAsk, 23}, {kAsk, 24}, {kComponent, 1}}));
 }
 
 }  // namespace

@@ -1,12 +1,14 @@
-// Library start, objects and the handle lookup, destruction while events
-// are translated, and the settings.
+// Library start, objects and the handle lookup, an object's lifetime
+// against its callback and the event thread, a stress run, and the settings.
 #include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <functional>
 #include <future>
 #include <iterator>
+#include <mutex>
 #include <thread>
 
 #include "av_control_adaptor/components.h"
@@ -84,7 +86,37 @@ TEST_F(AvctrlTest, CreateAndDestroyDriveThePlayerAndTheHandleLookup) {
   EXPECT_TRUE(logged("Pavo_AVCtrl_GetHandle", "Error: initialized the avc 0 times."));
 }
 
-TEST_F(AvctrlTest, DestroyWaitsForTheEventBeingTranslatedAndLaterEventsAreIgnored) {
+// The plug-in destroys the object while it holds a lock of its own that the
+// callback of an event being translated waits for: Destroy returns at once,
+// the translation posts nothing more (a report of playing posts the held-back
+// speed, then would post the state), and the object goes when the
+// translation ends, its player destroyed from the event thread.
+TEST_F(AvctrlTest, DestroyReturnsWhileTheCallbackWaitsForALockThePlugInHolds) {
+  std::mutex plug_in_lock;
+  std::atomic<bool> holding{false}, in_callback{false}, destroyed{false};
+  on_post([&](int) {
+    in_callback = true;
+    std::lock_guard<std::mutex> wait(plug_in_lock);
+  });
+  std::thread plug_in([&] {
+    std::lock_guard<std::mutex> hold(plug_in_lock);
+    holding = true;
+    if (!wait_until([&] { return in_callback.load(); })) return;
+    Pavo_AVCtrl_Destroy(handle_);
+    destroyed = true;
+  });
+  ASSERT_TRUE(wait_until([&] { return holding.load(); }));
+  ASSERT_TRUE(service_.send_event(player_event(PAVO_MEDIA_PLUGIN_EVENT_STATECHANGE, 5)));
+  ASSERT_TRUE(wait_until([&] { return destroyed.load(); })) << "Destroy waits for the callback";
+  plug_in.join();
+  handle_ = nullptr;
+  ASSERT_TRUE(wait_until([&] { return seen().size() == 2; }));
+  EXPECT_EQ(seen(), (Seen{{kSpeed, 0.0}, {kAsk, 1}}));
+}
+
+// Unregistering from another thread waits for the post in flight; from
+// inside the callback (SetPlayStatePostsChanges...) it does not wait.
+TEST_F(AvctrlTest, UnregisterWaitsForAPostInFlightOnAnotherThread) {
   std::promise<void> in_callback, release;
   std::shared_future<void> released = release.get_future().share();
   on_post_ = [&](int) {
@@ -93,28 +125,49 @@ TEST_F(AvctrlTest, DestroyWaitsForTheEventBeingTranslatedAndLaterEventsAreIgnore
   };
   std::thread event_thread([&] { event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 2.0); });
   in_callback.get_future().wait();
-  auto destroyed =
-      std::async(std::launch::async, [gone = handle_] { return Pavo_AVCtrl_Destroy(gone); });
-  EXPECT_EQ(destroyed.wait_for(100ms), std::future_status::timeout) << "waits for the translation";
+  auto unregistered = std::async(std::launch::async, [this] {
+    return Pavo_AVCtrl_UnregisterCallback(handle_);
+  });
+  EXPECT_EQ(unregistered.wait_for(100ms), std::future_status::timeout);
   release.set_value();
-  EXPECT_EQ(destroyed.get(), 0);
+  EXPECT_EQ(unregistered.get(), 0);
   event_thread.join();
-  event(PAVO_MEDIA_PLUGIN_EVENT_STATECHANGE, 5);
-  handle_ = nullptr;
-  EXPECT_EQ(seen(), (Seen{{kPosition, 2000.0}, {kAsk, 1}})) << "a later event is dropped";
+  event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 3.0);
+  EXPECT_EQ(seen(), (Seen{{kPosition, 2000.0}}));
 }
 
+// The callback may destroy its object from any post: the object lives until
+// the call that posted has finished with it.
 TEST_F(AvctrlTest, ObjectsOwnCallbackMayDestroyIt) {
-  on_post_ = [this](int) { Pavo_AVCtrl_Destroy(handle_); };
-  event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 2.0);  // released when the translation ends
-  handle_ = nullptr;
-  EXPECT_EQ(g_avctrl_count, 0);
-  EXPECT_EQ(seen(), (Seen{{kPosition, 2000.0}, {kAsk, 1}}));
+  answer(6, reply_with(-2));
+  const struct {
+    std::function<void(void*)> call;
+    Seen seen;
+  } rows[] = {
+      {[this](void*) { event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 2.0); },
+       {{kPosition, 2000.0}, {kAsk, 1}}},
+      {[](void* h) { Pavo_AVCtrl_Load(h, "u"); }, {{kState, CONNECTING}, {kAsk, 2}, {kAsk, 1}}},
+      {[](void* h) { Pavo_AVCtrl_Seek(h, 1.0); },
+       {{kAsk, 6}, {kAsk, 10}, {kPosition, 0.0}, {kAsk, 1}}},
+  };
+  for (const auto& row : rows) {
+    if (handle_ == nullptr) {
+      ASSERT_EQ(Pavo_AVCtrl_Create(nullptr, &handle_), 0);
+      ASSERT_EQ(Pavo_AVCtrl_RegisterCallback(handle_, record, this), 0);
+    }
+    clear();
+    on_post_ = [this](int) { Pavo_AVCtrl_Destroy(handle_); };
+    row.call(handle_);
+    on_post_ = nullptr;
+    handle_ = nullptr;
+    EXPECT_EQ(g_avctrl_count, 0);
+    EXPECT_EQ(seen(), row.seen);
+  }
 }
 
 // A thread cancelled while the plug-in's callback runs inside an event
-// translation unwinds through the library, releasing its locks and its
-// translation span on the way, and is not taken for an exception.
+// translation unwinds through the library, ending its post and dropping its
+// references on the way, and is not taken for an exception.
 TEST_F(AvctrlTest, CancelledEventThreadUnwindsThroughTheLibrary) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   // AddressSanitizer's no-return hook misreads the stack of a thread that a
@@ -139,10 +192,70 @@ TEST_F(AvctrlTest, CancelledEventThreadUnwindsThroughTheLibrary) {
   ASSERT_EQ(pthread_join(thread, &result), 0);
   EXPECT_EQ(result, PTHREAD_CANCELED);
   on_post_ = nullptr;
-  EXPECT_EQ(Pavo_AVCtrl_SetPlayState(handle_, PAVO_AVCTRL_PLAYSTATE_PAUSED), 0);  // cb_mutex free
-  EXPECT_EQ(Pavo_AVCtrl_Destroy(handle_), 0);  // no translation left running
+  EXPECT_EQ(Pavo_AVCtrl_SetPlayState(handle_, PAVO_AVCTRL_PLAYSTATE_PAUSED), 0);
+  EXPECT_EQ(Pavo_AVCtrl_Destroy(handle_), 0);  // the last reference: the player goes at once
   handle_ = nullptr;
   EXPECT_EQ(seen(), (Seen{{kPosition, 1000.0}, {kState, PAUSED}, {kAsk, 1}}));
+}
+
+// Plug-in threads drive the object while the service floods it with state,
+// speed and seek events: nothing deadlocks, no post is lost, and the object
+// ends in the state that the last events describe.
+TEST_F(AvctrlTest, PlugInThreadsAndAnEventFloodStayConsistent) {
+  constexpr int kThreads = 4, kRounds = 10, kSeekEvents = 150;
+  with_requests_ = false;  // posts only: keeps the callback cheap
+  std::vector<std::thread> plug_in;
+  for (int t = 0; t < kThreads; ++t) {
+    plug_in.emplace_back([this, t] {
+      for (int i = 0; i < kRounds; ++i) {
+        double d = 0;
+        PavoAVCtrlPlayState state{};
+        Pavo_AVCtrl_Play(handle_, (i + t) % 3 + 1.0);
+        Pavo_AVCtrl_Pause(handle_);
+        Pavo_AVCtrl_Seek(handle_, (i + t) * 10.0);
+        Pavo_AVCtrl_GetPosition(handle_, &d);
+        Pavo_AVCtrl_GetPlayState(handle_, &state);
+        Pavo_AVCtrl_GetCurrentSpeed(handle_, &d);
+      }
+    });
+  }
+  // Seek completions carry distinct positions: each must be posted once, in
+  // order, among whatever else the events and the threads post. The last
+  // word: playing at 1.5; the first of the two last completions may start a
+  // seek that waited, the second ends it.
+  int sent = 0;
+  auto send = [&](PavoMediaPluginEvent event, int data1, double data2 = 0.0) {
+    sent += service_.send_event(player_event(event, data1, data2));
+  };
+  const int states[] = {5, 4, 6, 5, 2, 7, 0, 5};
+  for (int i = 0; i < kSeekEvents; ++i) {
+    send(PAVO_MEDIA_PLUGIN_EVENT_STATECHANGE, states[i % 8]);
+    send(PAVO_MEDIA_PLUGIN_EVENT_SPEEDCHANGE, 1000 * (i % 4 - 1));
+    send(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 1000.0 + i);
+  }
+  for (auto& thread : plug_in) thread.join();
+  send(PAVO_MEDIA_PLUGIN_EVENT_STATECHANGE, 5);
+  send(PAVO_MEDIA_PLUGIN_EVENT_SPEEDCHANGE, 1500);
+  send(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 5000.0);
+  send(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 5001.0);
+  ASSERT_EQ(sent, 3 * kSeekEvents + 4);
+  ASSERT_TRUE(wait_until([&] { return !seen().empty() && seen().back().second == 5001000.0; },
+                         std::chrono::seconds(60)))
+      << "deadlock or lost post";
+
+  std::vector<double> positions;
+  for (const auto& [event, value] : seen()) {
+    if (event == kPosition && value >= 1000000.0) positions.push_back(value);
+  }
+  ASSERT_EQ(positions.size(), static_cast<size_t>(kSeekEvents + 2));
+  for (int i = 0; i < kSeekEvents; ++i) EXPECT_EQ(positions[i], (1000.0 + i) * 1000.0);
+  PavoAVCtrlPlayState state{};
+  double speed = 0;
+  Pavo_AVCtrl_GetPlayState(handle_, &state);
+  Pavo_AVCtrl_GetCurrentSpeed(handle_, &speed);
+  EXPECT_EQ(state, PAVO_AVCTRL_PLAYSTATE_PLAYING);
+  EXPECT_EQ(speed, 1.5);
+  EXPECT_FALSE(ctx()->seeking) << "the last completion ended every seek";
 }
 
 TEST_F(AvctrlTest, SettingsReachThePlayerWithTheirArguments) {
@@ -191,7 +304,7 @@ TEST(AvctrlLog, LinesNameTheirProcessThreadAndSourceFile) {
   for (const pid_t pid : {getpid(), child}) {
     const std::string id = std::to_string(pid);
     EXPECT_NE(text.find("[media-log 3] pid=" + id + " tid=" + id +
-                        " av_control_adaptor/object.cc:Pavo_AVCtrl_GetHandle:"),
+                        " av_control_adaptor/handle_lookup.cc:Pavo_AVCtrl_GetHandle:"),
               std::string::npos)
         << text;
   }

@@ -156,7 +156,7 @@ TEST_F(AvctrlTest, NullHandlesAndPointersAreRefusedBeforeAnyRequest) {
 }
 
 // SetPlayState posts changes only and asks nobody; the callback may
-// unregister itself under its own lock, and may throw.
+// unregister itself (no wait for its own post), and may throw.
 TEST_F(AvctrlTest, SetPlayStatePostsChangesAndTheCallbackMayUnregisterOrThrow) {
   on_post_ = [this](int event) {
     if (event == kState) Pavo_AVCtrl_UnregisterCallback(handle_);
