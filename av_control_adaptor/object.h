@@ -52,7 +52,14 @@ struct PavoAVCtrlContext {
   pthread_mutex_t cb_mutex;
   PavoAVCtrlCallback callback = nullptr;  // guarded by cb_mutex
   const void* user_data = nullptr;        // guarded by cb_mutex
-  unsigned player_id = 0;  // written by Create before the object is published
+  // The service player. Written by Create before the object is published,
+  // and by a Load that replaces a lost player (under op_mutex).
+  std::atomic<unsigned> player_id{0};
+  // The player is gone (its service ended, or it could not be created): its
+  // id is registered nowhere and must be neither unregistered nor destroyed;
+  // the next Load creates a new player first. Set by Create and the event
+  // routine, cleared by Load under op_mutex.
+  std::atomic<bool> player_lost{false};
   std::atomic<int32_t> error{PAVO_AVCTRL_ERROR_FORMAT};
   std::atomic<double> speed{1.0};
   std::atomic<int32_t> prev_state{PAVO_AVCTRL_PLAYSTATE_STOPPED};

@@ -72,8 +72,11 @@ namespace {
 constexpr unsigned kReference = 2;  // one reference in `lifetime`
 constexpr unsigned kDestroyed = 1;  // the destroyed mark in `lifetime`
 
+// A lost player is left alone: its id may belong to another object's player
+// in the restarted service.
 void finish_object(PavoAVCtrlContext* ctx) {
-  if (MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance()) {
+  MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance();
+  if (mp != nullptr && !ctx->player_lost.load()) {
     mp->UnregisterCallback(ctx->player_id);
     mp->Destroy(ctx->player_id);
   }
@@ -113,9 +116,16 @@ int Pavo_AVCtrl_Create(void*, void** handle_out) {
   if (ctx == nullptr) return -4;
   // From the registration on, the event thread may translate events of the
   // object.
+  // Without a player (the service is down) the object starts as one whose
+  // player is lost: its first Load creates one.
   if (MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance()) {
-    mp->Create(ctx->player_id, 0);
-    mp->RegisterCallback(ctx->player_id, mediaplayer_adaptor_callback, ctx);
+    unsigned id = 0;
+    if (mp->Create(id, 0) == 0) {
+      ctx->player_id.store(id);
+      mp->RegisterCallback(id, mediaplayer_adaptor_callback, ctx);
+    } else {
+      ctx->player_lost.store(true);
+    }
   }
   *handle_out = ctx;
   g_avctrl_handle.store(ctx);
