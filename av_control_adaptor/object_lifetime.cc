@@ -115,9 +115,8 @@ int Pavo_AVCtrl_Create(void*, void** handle_out) {
   PavoAVCtrlContext* ctx = pavo::avctrl::make_object();
   if (ctx == nullptr) return -4;
   // From the registration on, the event thread may translate events of the
-  // object.
-  // Without a player (the service is down) the object starts as one whose
-  // player is lost: its first Load creates one.
+  // object. Without a player (the service is down) the object starts as one
+  // whose player is lost: its first Load creates one.
   if (MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance()) {
     unsigned id = 0;
     if (mp->Create(id, 0) == 0) {

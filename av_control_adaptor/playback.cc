@@ -73,6 +73,7 @@ int Pavo_AVCtrl_Play(void* handle, double speed) {
     MutexLock op(&ctx->op_mutex);
     MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance();
     if (mp == nullptr) return 0;
+    if (ctx->player_lost.load()) return pavo::avctrl::kNoPlayer;
     result = mp->Play(ctx->player_id);
     ctx->last_command.store(AVCTRL_CMD_PLAY);
   }
@@ -155,6 +156,7 @@ int Pavo_AVCtrl_Seek(void* handle, double position_ms) {
     }
     mp = MediaPlayerAdaptor::GetInstance();
     if (mp == nullptr) return 0;
+    if (ctx->player_lost.load()) return pavo::avctrl::kNoPlayer;
     ctx->seeking.store(true);
     result = mp->Seek(ctx->player_id, position_ms / 1000.0);
     ctx->last_command.store(AVCTRL_CMD_SEEK);

@@ -78,10 +78,12 @@ TEST_F(ServiceRestart, LostPlayersAreToldOnceAndLoadMakesANewOne) {
   }
 
   // The other object loads first and gets the new service's first id, the
-  // id that av_'s lost player had. Destroying av_ now must leave that new
-  // player and its registration alone.
+  // id that av_'s lost player had. Requests and the destruction of av_ must
+  // leave that new player and its registration alone.
+  // Requests of av_ are refused, not sent with that id.
   const std::size_t reload = other_log_.posts().size();
   ASSERT_EQ(Pavo_AVCtrl_Load(other_, kVod), 0);
+  EXPECT_EQ(Pavo_AVCtrl_Stop(av_), -1);
   Pavo_AVCtrl_Destroy(av_);
   av_ = nullptr;
   ASSERT_EQ(Pavo_AVCtrl_Play(other_, 1.0), 0);
