@@ -222,7 +222,8 @@ void on_components_updated(int data1) {
 // hears after a long request of another thread), and drops the seek in
 // flight, which will never complete.
 void on_player_lost(PavoAVCtrlContext* ctx) {
-  if (ctx->player_lost.exchange(true)) return;
+  ctx->registered.store(false);  // the client has dropped it
+  if (ctx->player_lost.exchange(true)) return;  // never had one: nothing to tell
   AVCTRL_LOG_AS(kFunction, "player %u lost with its service", ctx->player_id.load());
   ctx->seeking.store(false);
   ctx->error.store(PAVO_AVCTRL_ERROR_CONNECTION);

@@ -30,6 +30,7 @@ const char* printable(const char* text) { return text != nullptr ? text : "(null
 int replace_lost_player(PavoAVCtrlContext* ctx, MediaPlayerAdaptor* mp) {
   MutexLock op(&ctx->op_mutex);
   if (!ctx->player_lost.load()) return 0;  // another thread was first
+  if (ctx->registered.exchange(false)) mp->UnregisterCallback(ctx->player_id);
   unsigned id = 0;
   const int created = mp->Create(id, 0);
   if (created != 0) return created;
@@ -39,6 +40,7 @@ int replace_lost_player(PavoAVCtrlContext* ctx, MediaPlayerAdaptor* mp) {
   ctx->seek_pending = false;
   ctx->last_command.store(AVCTRL_CMD_NONE);
   mp->RegisterCallback(id, mediaplayer_adaptor_callback, ctx);
+  ctx->registered.store(true);
   ctx->player_lost.store(false);
   return 0;
 }
