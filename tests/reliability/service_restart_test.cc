@@ -39,6 +39,9 @@ class ServiceRestart : public EndToEnd {
     ASSERT_EQ(Pavo_AVCtrl_RegisterCallback(other_, record, &other_log_), 0);
   }
   void TearDown() override {
+    // Destroy waits for no post in flight; unregistering does, so the log
+    // outlives every post.
+    if (other_ != nullptr) Pavo_AVCtrl_UnregisterCallback(other_);
     if (other_ != nullptr) Pavo_AVCtrl_Destroy(other_);
     EndToEnd::TearDown();
   }
@@ -114,6 +117,7 @@ TEST_F(ServiceRestart, ObjectMadeWhileTheServiceIsDownLoadsLater) {
   ASSERT_EQ(Pavo_AVCtrl_Play(late, 1.0), 0);
   EXPECT_GE(late_log.wait_for(PAVO_AVCTRL_EVENT_PLAYSTATECHANGE, int_is(PAVO_AVCTRL_PLAYSTATE_PLAYING)), 0)
       << late_log.dump();
+  Pavo_AVCtrl_UnregisterCallback(late);  // late_log outlives every post
   Pavo_AVCtrl_Destroy(late);
 }
 
