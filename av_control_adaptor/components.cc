@@ -146,6 +146,7 @@ int Pavo_AVCtrl_Component_EnableSubtitle(void* handle, bool enable) {
   if (ctx == nullptr) return -3;
   MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance();
   if (mp == nullptr) return 0;
+  if (ctx->player_lost.load()) return pavo::avctrl::kNoPlayer;
   return mp->EnableSubtitle(ctx->player_id, enable);
 }
 

@@ -16,6 +16,7 @@
 #include "av_control_adaptor/object_lifetime.h"
 #include "av_control_adaptor/plugin_callback.h"
 #include "base/callback_guard.h"
+#include "base/player_lost.h"
 #include "pavo_avctrl.h"
 #include "pavo_mediaplayer_adaptor.h"
 #include "pavo_record_list.h"
@@ -215,6 +216,20 @@ void on_components_updated(int data1) {
   collect_components(type);
 }
 
+// The service that held the object's player has ended (base/player_lost.h).
+// The page is told once: error "connection" and a play-state change to
+// error. Takes no op_mutex (the notice may be the first thing the object
+// hears after a long request of another thread), and drops the seek in
+// flight, which will never complete.
+void on_player_lost(PavoAVCtrlContext* ctx) {
+  ctx->registered.store(false);  // the client has dropped it
+  if (ctx->player_lost.exchange(true)) return;  // never had one: nothing to tell
+  AVCTRL_LOG_AS(kFunction, "player %u lost with its service", ctx->player_id.load());
+  ctx->seeking.store(false);
+  ctx->error.store(PAVO_AVCTRL_ERROR_CONNECTION);
+  Pavo_AVCtrl_SetPlayState(ctx, PAVO_AVCTRL_PLAYSTATE_ERROR);
+}
+
 void translate(PavoAVCtrlContext* ctx, PavoMediaPluginEvent event, PavoMediaError error, int data1,
                double data2) {
   switch (static_cast<int>(event)) {
@@ -236,7 +251,10 @@ void translate(PavoAVCtrlContext* ctx, PavoMediaPluginEvent event, PavoMediaErro
     case PAVO_MEDIA_PLAYER_EVENT_COMPONENT_UPDATED:
       on_components_updated(data1);
       break;
-    default:  // 2, 3 and everything above 7 or below 0
+    case pavo::kPlayerLostEvent:
+      on_player_lost(ctx);
+      break;
+    default:  // 2, 3 and everything else above 7 or below 0
       break;
   }
 }

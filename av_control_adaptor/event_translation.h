@@ -28,7 +28,9 @@ int32_t play_state_of(int service_state);
 // synchronous requests to the service (a waiting seek, the rewind recovery,
 // the component queries). Holds a reference to the object while it works;
 // events for a destroyed object, and unknown events and states, are
-// ignored. Never throws.
+// ignored. The client's player-lost event (base/player_lost.h) marks the
+// object's player lost, records the connection error and posts the change
+// to error, once, without taking op_mutex. Never throws.
 void mediaplayer_adaptor_callback(PavoMediaPluginEvent event, PavoMediaError error,
                                   const void* user_data, int data1, double data2);
 

@@ -52,7 +52,20 @@ struct PavoAVCtrlContext {
   pthread_mutex_t cb_mutex;
   PavoAVCtrlCallback callback = nullptr;  // guarded by cb_mutex
   const void* user_data = nullptr;        // guarded by cb_mutex
-  unsigned player_id = 0;  // written by Create before the object is published
+  // The service player. Written by Create before the object is published,
+  // and by a Load that replaces a lost player (under op_mutex).
+  std::atomic<unsigned> player_id{0};
+  // The object has no living player (its service ended, or it could not be
+  // created): its id is not destroyed and no request is sent with it; the
+  // next Load creates a new player first. Set by Create and the event
+  // routine, cleared by Load under op_mutex.
+  std::atomic<bool> player_lost{false};
+  // The object's event routine is registered under `player_id`. Cleared by
+  // the event routine when the client drops the registration of a lost
+  // player (before it sets player_lost): that id may be registered for
+  // another object's player of the restarted service, so it is not
+  // unregistered again.
+  std::atomic<bool> registered{false};
   std::atomic<int32_t> error{PAVO_AVCTRL_ERROR_FORMAT};
   std::atomic<double> speed{1.0};
   std::atomic<int32_t> prev_state{PAVO_AVCTRL_PLAYSTATE_STOPPED};

@@ -72,10 +72,12 @@ namespace {
 constexpr unsigned kReference = 2;  // one reference in `lifetime`
 constexpr unsigned kDestroyed = 1;  // the destroyed mark in `lifetime`
 
+// A lost player is not destroyed, and a dropped registration is not undone:
+// the id may belong to another object's player in the restarted service.
 void finish_object(PavoAVCtrlContext* ctx) {
   if (MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance()) {
-    mp->UnregisterCallback(ctx->player_id);
-    mp->Destroy(ctx->player_id);
+    if (ctx->registered.load()) mp->UnregisterCallback(ctx->player_id);
+    if (!ctx->player_lost.load()) mp->Destroy(ctx->player_id);
   }
   free_object(ctx, kOpMutex | kCbMutex | kCondition);
 }
@@ -112,10 +114,14 @@ int Pavo_AVCtrl_Create(void*, void** handle_out) {
   PavoAVCtrlContext* ctx = pavo::avctrl::make_object();
   if (ctx == nullptr) return -4;
   // From the registration on, the event thread may translate events of the
-  // object.
+  // object. Without a player (the service is down) the object keeps id 0
+  // and starts as one whose player is lost: its first Load creates one.
   if (MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance()) {
-    mp->Create(ctx->player_id, 0);
-    mp->RegisterCallback(ctx->player_id, mediaplayer_adaptor_callback, ctx);
+    unsigned id = 0;
+    if (mp->Create(id, 0) != 0) ctx->player_lost.store(true);
+    ctx->player_id.store(id);
+    mp->RegisterCallback(id, mediaplayer_adaptor_callback, ctx);
+    ctx->registered.store(true);
   }
   *handle_out = ctx;
   g_avctrl_handle.store(ctx);

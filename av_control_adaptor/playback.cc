@@ -5,6 +5,7 @@
 // report it (Load from an idle state, Pause before playback started, and
 // Pavo_AVCtrl_SetPlayState); every other change comes from the service's
 // reports (event_translation.cc), filtered against `last_command`.
+#include "av_control_adaptor/event_translation.h"
 #include "av_control_adaptor/media_log.h"
 #include "av_control_adaptor/object_lifetime.h"
 #include "av_control_adaptor/plugin_callback.h"
@@ -23,6 +24,27 @@ namespace {
 // printf cannot take a null %s.
 const char* printable(const char* text) { return text != nullptr ? text : "(null)"; }
 
+// Gives an object whose player is lost a new one (command 0) and registers
+// the event routine for it. Returns 0 when the object has a player, or the
+// result of the failed creation (the object stays without a player).
+int replace_lost_player(PavoAVCtrlContext* ctx, MediaPlayerAdaptor* mp) {
+  MutexLock op(&ctx->op_mutex);
+  if (!ctx->player_lost.load()) return 0;  // another thread was first
+  if (ctx->registered.exchange(false)) mp->UnregisterCallback(ctx->player_id);
+  unsigned id = 0;
+  const int created = mp->Create(id, 0);
+  if (created != 0) return created;
+  AVCTRL_LOG_AS("Pavo_AVCtrl_Load", "player lost, new player id=%u", id);
+  ctx->player_id.store(id);
+  ctx->seeking.store(false);
+  ctx->seek_pending = false;
+  ctx->last_command.store(AVCTRL_CMD_NONE);
+  mp->RegisterCallback(id, mediaplayer_adaptor_callback, ctx);
+  ctx->registered.store(true);
+  ctx->player_lost.store(false);
+  return 0;
+}
+
 }  // namespace
 
 int Pavo_AVCtrl_Load(void* handle, const char* url) {
@@ -30,12 +52,16 @@ int Pavo_AVCtrl_Load(void* handle, const char* url) {
   PavoAVCtrlContext* ctx = avctrl_context(handle);
   if (ctx == nullptr || url == nullptr) return -3;
   const ObjectRef keep(ctx);  // the callback of the post below may destroy the object
+  MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance();
+  if (mp != nullptr && ctx->player_lost.load()) {
+    const int created = replace_lost_player(ctx, mp);
+    if (created != 0) return created;
+  }
   const int32_t state = ctx->play_state.load();
   if (state == PAVO_AVCTRL_PLAYSTATE_STOPPED || state == PAVO_AVCTRL_PLAYSTATE_FINISHED ||
       state == PAVO_AVCTRL_PLAYSTATE_ERROR) {
     Pavo_AVCtrl_SetPlayState(handle, PAVO_AVCTRL_PLAYSTATE_CONNECTING);
   }
-  MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance();
   if (mp == nullptr) return 0;
   return mp->Load(ctx->player_id, url);
 }
@@ -49,6 +75,7 @@ int Pavo_AVCtrl_Play(void* handle, double speed) {
     MutexLock op(&ctx->op_mutex);
     MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance();
     if (mp == nullptr) return 0;
+    if (ctx->player_lost.load()) return pavo::avctrl::kNoPlayer;
     result = mp->Play(ctx->player_id);
     ctx->last_command.store(AVCTRL_CMD_PLAY);
   }
@@ -131,6 +158,7 @@ int Pavo_AVCtrl_Seek(void* handle, double position_ms) {
     }
     mp = MediaPlayerAdaptor::GetInstance();
     if (mp == nullptr) return 0;
+    if (ctx->player_lost.load()) return pavo::avctrl::kNoPlayer;
     ctx->seeking.store(true);
     result = mp->Seek(ctx->player_id, position_ms / 1000.0);
     ctx->last_command.store(AVCTRL_CMD_SEEK);

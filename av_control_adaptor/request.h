@@ -9,14 +9,20 @@
 
 namespace pavo::avctrl {
 
+// The result of a request refused because the object's player is lost: its
+// id may name another object's player in the restarted service.
+constexpr int kNoPlayer = -1;
+
 // Runs `request(adaptor, player_id)` under the object's `op_mutex`, so that
 // at most one request of the object is in flight, and returns its result.
-// Without an adaptor nothing is asked and the result is 0.
+// Without an adaptor nothing is asked and the result is 0; for an object
+// whose player is lost nothing is asked and the result is kNoPlayer.
 template <typename Request>
 int locked_request(PavoAVCtrlContext* ctx, Request&& request) {
   MutexLock op(&ctx->op_mutex);
   MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance();
   if (mp == nullptr) return 0;
+  if (ctx->player_lost.load()) return kNoPlayer;
   return std::forward<Request>(request)(*mp, ctx->player_id);
 }
 

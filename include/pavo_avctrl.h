@@ -111,7 +111,11 @@ PAVO_EXPORT int Pavo_AVCtrl_GetMimeType(void* handle, char* buffer, unsigned* le
 
 /*
  * Loads `url`. A stopped, finished or failed object moves to connecting
- * first (a play-state change is posted). The service's result; -3.
+ * first (a play-state change is posted). An object whose player is gone (its
+ * service was restarted: the object was told error with GetError 1; or it
+ * was created while the service was down) first gets a new player; when that
+ * fails, its result is returned and nothing else happens. The service's
+ * result; -3.
  */
 PAVO_EXPORT int Pavo_AVCtrl_Load(void* handle, const char* url);
 /*

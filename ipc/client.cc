@@ -2,6 +2,7 @@
 #include <sys/msg.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +15,7 @@
 #include "base/result_codes.h"
 #include "ipc/diagnostics.h"
 #include "ipc/framing.h"
+#include "ipc/peer_generation.h"
 #include "ipc/queue_reader.h"
 #include "ipc/reply_deadline.h"
 #include "ipc/sys_errors.h"
@@ -47,6 +49,14 @@ using pavo::ipc::kMaxMessage;
 // sent and waited for that briefly: a restarted service that has not read
 // yet is invisible otherwise). A dead service is told by its ended last
 // reader (queue_reader.h).
+//
+// The service incarnation (peer_generation.h): after each reply the handle
+// reads the request queue's last reader, the thread that took the request,
+// and looks up its process: the one that answered. When that is another process than the one that answered
+// before, the service was restarted (or replaced) in between, and the
+// generation counts one up. A hung service that continues is the same
+// process: no change. The check is one msgctl(IPC_STAT) after a reply; what
+// goes on the queues does not change.
 struct pavo_ipc_client {
   key_t key = 0;
   int msg_type = 0;
@@ -63,6 +73,9 @@ struct pavo_ipc_client {
   int owed_replies = 0;  // complete replies still to come for ended waits
   bool silent = false;   // fail fast until the service is back
   pid_t silent_reader = 0;  // last reader of the request queue when it fell silent
+  pid_t peer_reader = 0;   // the thread that took the last answered request; 0 before the first
+  pid_t peer_process = 0;   // its process
+  std::atomic<unsigned> peer_generation{0};  // written under lock, read without it
   // The handle's frame and reply text buffers, made at the first send and
   // kept: a send or an exchange allocates nothing else but the caller's copy
   // of the reply text.
@@ -110,6 +123,23 @@ void fall_silent(pavo_ipc_client* client) {
   QueueReader reader;
   client->silent = true;
   client->silent_reader = read_queue_reader(client->queue_id, &reader) ? reader.pid : 0;
+}
+
+// Records the process that answered the reply just received; counts a new
+// generation when it is another than the last one. The kernel names the
+// reading thread: a reader other than the last one is looked up as its
+// process (a /proc read, only then). REQUIRES: client->lock held.
+void note_peer(pavo_ipc_client* client) {
+  QueueReader reader;
+  if (!read_queue_reader(client->queue_id, &reader) || reader.pid <= 0) return;
+  if (reader.pid == client->peer_reader) return;
+  const pid_t process = process_of(reader.pid);
+  if (process == 0) return;  // ended already: the next reply tells
+  if (client->peer_process != 0 && process != client->peer_process) {
+    client->peer_generation.fetch_add(1, std::memory_order_release);
+  }
+  client->peer_reader = reader.pid;
+  client->peer_process = process;
 }
 
 // Makes the handle's buffers. REQUIRES: client->lock held.
@@ -302,6 +332,7 @@ int exchange(pavo_ipc_client* client, const pavo_ipc_msg* request, Reply* reply)
   switch (next_message(client, bounded || probe, reply_deadline, &got)) {
     case Wait::kMessage:
       client->silent = false;
+      note_peer(client);
       break;
     case Wait::kDropped:
       return got.code == kNoMemory ? kNoMemory : kFailed;
@@ -333,6 +364,11 @@ bool sync_request_ok(const pavo_ipc_client* client, const pavo_ipc_msg* request)
 }
 
 }  // namespace
+
+unsigned client_peer_generation(const pavo_ipc_client* client) {
+  return client == nullptr ? 0 : client->peer_generation.load(std::memory_order_acquire);
+}
+
 }  // namespace pavo::ipc
 
 extern "C" {

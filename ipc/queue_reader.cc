@@ -33,6 +33,26 @@ char process_state(pid_t pid) {
 
 }  // namespace
 
+pid_t process_of(pid_t pid) {
+  if (pid <= 0) return 0;
+  char path[32];
+  std::snprintf(path, sizeof path, "/proc/%d/status", static_cast<int>(pid));
+  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  char text[1024];
+  ssize_t n;
+  do {
+    n = read(fd, text, sizeof text - 1);
+  } while (n < 0 && errno == EINTR);
+  close(fd);
+  if (n <= 0) return 0;
+  text[n] = '\0';
+  const char* line = std::strstr(text, "\nTgid:");
+  int tgid = 0;
+  if (line == nullptr || std::sscanf(line + 6, "%d", &tgid) != 1 || tgid <= 0) return 0;
+  return static_cast<pid_t>(tgid);
+}
+
 bool process_ended(pid_t pid) {
   if (pid <= 0) return false;
   if (kill(pid, 0) != 0) return errno == ESRCH;

@@ -31,6 +31,11 @@ bool read_queue_reader(int queue_id, QueueReader* out);
 // zombie. A process of another user (EPERM) exists. Never true for pid <= 0.
 bool process_ended(pid_t pid);
 
+// The process (thread group) of task `pid`. The kernel records the reading
+// thread as msg_lrpid, so two threads of one service show as different
+// readers. Returns 0 when the task has ended or /proc cannot be read.
+pid_t process_of(pid_t pid);
+
 }  // namespace pavo::ipc
 
 #endif  // PAVO_IPC_QUEUE_READER_H

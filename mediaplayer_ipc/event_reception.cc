@@ -11,6 +11,7 @@
 #include "mediaplayer_ipc/json_input.h"
 #include "mediaplayer_ipc/log_records.h"
 #include "mediaplayer_ipc/registry.h"
+#include "mediaplayer_ipc/service_restart.h"
 #include "mediaplayer_ipc/styled_object.h"
 
 namespace pavo::mediaplayer {
@@ -150,6 +151,7 @@ bool receive_event(const pavo_ipc_msg* message) {
     case kPlayerEvent: return deliver_player_event(event, h, kEventCallback);
     case kMediaSyncMessage: return deliver_media_sync_message(event, h);
     case kDrmEvent: return deliver_drm_event(event, h, kEventCallback);
+    case kRestartNotice: return receive_restart_notice(event);
     default: return true;  // not a family of ours: ignored
   }
 }

@@ -6,7 +6,8 @@
 // event (to the player callback, with the registered user data of its
 // "player_id"), 1 a media-synchronisation message (to the media-sync
 // callback), 3 a DRM event (to the DRM callback, with the pointer whose "%p"
-// text is its "context"); other families are ignored. Always returns null.
+// text is its "context"), 100 the library's own restart notice
+// (service_restart.h); other families are ignored. Always returns null.
 //
 // MediaPlayerIPCCallback, on the request server (0x95000090): answers one
 // service request. {"event_type":2,"source":n} switches the display source

@@ -1,12 +1,16 @@
 #include "mediaplayer_ipc/registry.h"
 
 #include <condition_variable>
+#include <list>
 #include <map>
 #include <mutex>
 #include <new>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "base/callback_guard.h"
+#include "base/player_lost.h"
 #include "pavo_mediaplayer_ipc.h"
 
 // Exported callback slots; see registry.h for how they are accessed.
@@ -27,11 +31,20 @@ struct InFlight {
   InFlight* next;
 };
 
+// A registered player: its user data, and the service generation in which
+// it was registered (its player was created in that service or an earlier
+// one).
+struct Entry {
+  void* user_data;
+  unsigned generation;
+};
+
 struct State {
   std::mutex mutex;
   std::condition_variable dispatch_returned;
   // All guarded by mutex (the exported slots are also written under it).
-  std::map<unsigned, void*> registry;  // player id -> user data
+  std::map<unsigned, Entry> registry;  // player id -> user data
+  unsigned generation = 0;              // the newest service generation seen
   const void* mediasync_userdata = nullptr;
   PavoDrmCallback drmagent_cb = nullptr;
   InFlight* in_flight = nullptr;
@@ -101,7 +114,7 @@ bool register_player(unsigned player_id, PavoMediaPlayerCallback callback, void*
   State& s = state();
   std::lock_guard<std::mutex> lock(s.mutex);
   try {
-    s.registry[player_id] = user_data;
+    s.registry[player_id] = Entry{user_data, s.generation};
   } catch (const std::bad_alloc&) {
     return false;
   }
@@ -122,6 +135,7 @@ void clear_players() {
   State& s = state();
   std::unique_lock<std::mutex> lock(s.mutex);
   s.registry.clear();
+  s.generation = 0;
   wait_for_dispatches(s, lock, [](const InFlight& n) { return n.family == Family::kPlayer; });
 }
 
@@ -130,7 +144,7 @@ std::optional<void*> player_user_data(unsigned player_id) {
   std::lock_guard<std::mutex> lock(s.mutex);
   auto it = s.registry.find(player_id);
   if (it == s.registry.end()) return std::nullopt;
-  return it->second;
+  return it->second.user_data;
 }
 
 std::size_t player_count() {
@@ -177,10 +191,52 @@ Dispatch dispatch_player_event(unsigned player_id, PavoMediaPluginEvent event, P
   if (callback == nullptr) return Dispatch::kNoCallback;
   const auto it = s.registry.find(player_id);
   if (it == s.registry.end()) return Dispatch::kNoEntry;
-  const void* const user_data = it->second;
+  const void* const user_data = it->second.user_data;
   InFlightMark mark(s, Family::kPlayer, player_id);
   lock.unlock();
   return call("player callback", [&] { callback(event, error, user_data, data1, data2); });
+}
+
+bool advance_generation(unsigned generation) {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  if (generation <= s.generation) return false;
+  s.generation = generation;
+  return true;
+}
+
+std::size_t dispatch_players_lost(unsigned generation) {
+  State& s = state();
+  // Declared before the lock: the marks unlink themselves (taking the mutex)
+  // after it is released.
+  std::list<InFlightMark> marks;
+  std::vector<std::pair<unsigned, void*>> lost;
+  std::unique_lock<std::mutex> lock(s.mutex);
+  const PavoMediaPlayerCallback callback = g_mediaplayer_cb;
+  if (callback == nullptr) return 0;
+  try {
+    lost.reserve(s.registry.size());  // the copies below cannot fail then
+    for (auto it = s.registry.begin(); it != s.registry.end();) {
+      if (it->second.generation >= generation) {
+        ++it;
+        continue;
+      }
+      marks.emplace_back(s, Family::kPlayer, it->first);
+      lost.emplace_back(it->first, it->second.user_data);
+      it = s.registry.erase(it);
+    }
+  } catch (const std::bad_alloc&) {
+    // Those not copied stay registered; they are told at the next restart.
+  }
+  lock.unlock();
+  for (const auto& player : lost) {
+    call("player callback", [&] {
+      callback(static_cast<PavoMediaPluginEvent>(pavo::kPlayerLostEvent), PAVO_MEDIA_ERR_NETWORK,
+               player.second, 0, 0.0);
+    });
+    marks.pop_front();  // this player's dispatch has returned
+  }
+  return lost.size();
 }
 
 Dispatch dispatch_media_sync(PavoMediaSyncMsgType type, const PavoMSEventInfo& info) {

@@ -28,12 +28,14 @@ namespace pavo::mediaplayer {
 
 // ---- Player callback and registry ----
 // Stores `callback` as the one player callback (last registered wins) and
-// sets the player's user data, inserting its entry if missing.
+// sets the player's user data, inserting its entry if missing. The entry is
+// stamped with the current service generation (advance_generation).
 // Returns false (nothing changed) when the entry cannot be allocated.
 bool register_player(unsigned player_id, PavoMediaPlayerCallback callback, void* user_data);
 // Erases the player's entry if there is one; the callback slot keeps its value.
 void unregister_player(unsigned player_id);
-// Erases every entry.
+// Erases every entry and sets the service generation back to 0 (the client
+// handles that counted it are closed).
 void clear_players();
 // The player's user data, if it has an entry.
 std::optional<void*> player_user_data(unsigned player_id);
@@ -50,6 +52,11 @@ bool media_sync_registered();
 // A null callback clears the slot (and waits as a removal does).
 void set_drm_callback(PavoDrmCallback callback);
 
+// ---- Service restarts ----
+// Records `generation` (ipc/peer_generation.h) as the current service
+// generation if it is newer than the one recorded; returns whether it was.
+bool advance_generation(unsigned generation);
+
 // ---- Dispatch (event thread) ----
 // A C++ exception of a callback is reported by the transport's guard and
 // swallowed (kCallbackThrew); the forced unwind of thread cancellation
@@ -58,6 +65,12 @@ enum class Dispatch { kDelivered, kNoCallback, kNoEntry, kCallbackThrew };
 // Calls the player callback with the player's user data. Never inserts.
 Dispatch dispatch_player_event(unsigned player_id, PavoMediaPluginEvent event, PavoMediaError error,
                                int data1, double data2);
+// Tells every player registered before service generation `generation` that
+// it is gone (pavo::kPlayerLostEvent, base/player_lost.h): erases their
+// entries, then calls the player callback once for each, without the mutex.
+// An unregistration of one of those ids waits for its call as for any
+// dispatch. Returns how many were told.
+std::size_t dispatch_players_lost(unsigned generation);
 // Calls the media-sync callback with its user data; no call (kNoCallback)
 // when the callback or the user data is null.
 Dispatch dispatch_media_sync(PavoMediaSyncMsgType type, const PavoMSEventInfo& info);

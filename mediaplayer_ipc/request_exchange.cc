@@ -8,9 +8,11 @@
 
 #include "base/deleters.h"
 #include "base/result_codes.h"
+#include "ipc/peer_generation.h"
 #include "mediaplayer_ipc/endpoints.h"
 #include "mediaplayer_ipc/log_records.h"
 #include "mediaplayer_ipc/request_frame.h"
+#include "mediaplayer_ipc/service_restart.h"
 #include "pavo_ipc.h"
 
 namespace pavo::mediaplayer {
@@ -33,10 +35,15 @@ int Command::run() {
   }
   pavo_ipc_msg request{static_cast<uint32_t>(text.size()), text.data()};
   pavo_ipc_msg reply{0, nullptr};
+  unsigned generation = 0;
   const int sent = [&] {
     const ClientLease client(ClientLease::kRequest);
-    return pavo_ipc_client_send_sync_with_params(client.get(), &request, &reply);
+    const int result = pavo_ipc_client_send_sync_with_params(client.get(), &request, &reply);
+    generation = pavo::ipc::client_peer_generation(client.get());
+    return result;
   }();
+  // A reply from a restarted service: the players of the old one are gone.
+  note_service_generation(generation);
   if (text.capacity() > kKeptRequestCapacity) std::string().swap(text);
   const MallocPtr<char> reply_text(reply.data);
   if (sent != 0) {

@@ -170,6 +170,22 @@ TEST_F(Events, EndedRegistrationsDropTheirEvents) {
   EXPECT_EQ(deliver({speed, drm}), Calls{});
 }
 
+// A restart notice tells the players registered before its generation once
+// (event 100, the connection error) and drops them; players registered in
+// the new service, and unreadable notices, are left alone.
+TEST_F(Events, RestartNoticeTellsOnlyPlayersOfTheOldServiceOnce) {
+  const std::string notice = R"({"event_type":100,"player_id":0,"event":0,"sub_event":0,"generation":1})";
+  Pavo_MediaPlayer_IPC_RegisterCallback(1, player_cb, &a_);
+  EXPECT_TRUE(pavo::mediaplayer::advance_generation(1));
+  EXPECT_FALSE(pavo::mediaplayer::advance_generation(1));
+  Pavo_MediaPlayer_IPC_RegisterCallback(2, player_cb, &b_);
+  EXPECT_EQ(deliver({R"({"event_type":100,"player_id":0,"event":0,"sub_event":0,"generation":"1"})"}), Calls{});
+  EXPECT_EQ(deliver({notice, notice}), Calls{"player 100 0 " + ptr(&a_) + " 0 0.000000"});
+  EXPECT_FALSE(pavo::mediaplayer::player_user_data(1).has_value());
+  EXPECT_EQ(pavo::mediaplayer::player_user_data(2).value_or(nullptr), &b_);
+  Pavo_MediaPlayer_IPC_UnregisterCallback(2);
+}
+
 TEST_F(Events, ServiceRequestsAreAnswered) {
   pavo::standin::hbbtv_reset();
   pavo::standin::hbbtv_set_display_source_result(-9);
