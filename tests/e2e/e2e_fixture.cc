@@ -93,6 +93,9 @@ void EndToEnd::SetUp() {
 }
 
 void EndToEnd::TearDown() {
+  // Destroy does not wait for a post running on the event thread; the
+  // unregistration does, so no post reaches log_ once the test has ended.
+  if (av_ != nullptr) Pavo_AVCtrl_UnregisterCallback(av_);
   if (av_ != nullptr) Pavo_AVCtrl_Destroy(av_);
   Pavo_AVCtrl_Finalize();
   EXPECT_EQ(service_.stop(), 0) << "the service did not stop cleanly";

@@ -57,13 +57,17 @@ bool Endpoints::serve(pavo_ipc_server_callback on_request, pavo_ipc_server_callb
          pavo_ipc_server_register_callback(notices_, on_notice, user) == 0;
 }
 
-void Endpoints::close() {
+void Endpoints::stop_serving() {
   for (pavo_ipc_server** server : {&requests_, &notices_}) {
     if (*server == nullptr) continue;
     pavo_ipc_server_unregister_callback(*server);
     pavo_ipc_server_destroy(*server);
     *server = nullptr;
   }
+}
+
+void Endpoints::close() {
+  stop_serving();
   for (pavo_ipc_client** client : {&events_, &library_}) {
     if (*client == nullptr) continue;
     pavo_ipc_client_destroy(*client);

@@ -28,8 +28,11 @@ class Endpoints {
   // Routes requests and notices to the callbacks (run on the servers'
   // receive threads). Returns false when the transport refuses.
   bool serve(pavo_ipc_server_callback on_request, pavo_ipc_server_callback on_notice, void* user);
-  // Stops both receive threads (waiting for a callback that runs) and
-  // releases everything. The queues stay. Idempotent.
+  // Stops both receive threads (waiting for a callback that runs): no
+  // request or notice runs after it. The clients stay. Idempotent.
+  void stop_serving();
+  // Stops serving and releases everything. The queues stay. Idempotent.
+  // REQUIRES: no thread sends an event or asks the library any more.
   void close();
 
   // Consulted before each event is sent; false drops it (fault injection).

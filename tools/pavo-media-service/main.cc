@@ -96,9 +96,10 @@ int main(int argc, char** argv) {
   int signal_number = 0;
   while (sigwait(&stop_signals, &signal_number) != 0) {
   }
-  faults.release();   // a request held without an answer lets go
-  endpoints.close();  // no request or notice runs after this
-  service.stop();
+  faults.release();           // a request held without an answer lets go
+  endpoints.stop_serving();   // no request or notice runs after this
+  service.stop();             // nor the clock, and the last events are out
+  endpoints.close();
   pavo::service::say("pavo-media-service: stopped");
   return 0;
 }
