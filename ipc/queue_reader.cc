@@ -6,26 +6,33 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
 namespace pavo::ipc {
 namespace {
 
-// The state letter of /proc/<pid>/stat ("pid (comm) S ..."); 0 when unreadable.
-char process_state(pid_t pid) {
-  char path[32];
-  std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+// Reads /proc/<pid>/<name> into `text` (NUL-terminated); false when unreadable.
+bool read_proc_file(pid_t pid, const char* name, char* text, std::size_t size) {
+  char path[48];
+  std::snprintf(path, sizeof path, "/proc/%d/%s", static_cast<int>(pid), name);
   const int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return 0;
-  char text[256];
+  if (fd < 0) return false;
   ssize_t n;
   do {
-    n = read(fd, text, sizeof text - 1);
+    n = read(fd, text, size - 1);
   } while (n < 0 && errno == EINTR);
   close(fd);
-  if (n <= 0) return 0;
+  if (n <= 0) return false;
   text[n] = '\0';
+  return true;
+}
+
+// The state letter of /proc/<pid>/stat ("pid (comm) S ..."); 0 when unreadable.
+char process_state(pid_t pid) {
+  char text[256];
+  if (!read_proc_file(pid, "stat", text, sizeof text)) return 0;
   // The command name may hold blanks and parentheses: the state follows the last ')'.
   const char* end = std::strrchr(text, ')');
   return end != nullptr && end[1] == ' ' ? end[2] : 0;
@@ -34,19 +41,8 @@ char process_state(pid_t pid) {
 }  // namespace
 
 pid_t process_of(pid_t pid) {
-  if (pid <= 0) return 0;
-  char path[32];
-  std::snprintf(path, sizeof path, "/proc/%d/status", static_cast<int>(pid));
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return 0;
   char text[1024];
-  ssize_t n;
-  do {
-    n = read(fd, text, sizeof text - 1);
-  } while (n < 0 && errno == EINTR);
-  close(fd);
-  if (n <= 0) return 0;
-  text[n] = '\0';
+  if (pid <= 0 || !read_proc_file(pid, "status", text, sizeof text)) return 0;
   const char* line = std::strstr(text, "\nTgid:");
   int tgid = 0;
   if (line == nullptr || std::sscanf(line + 6, "%d", &tgid) != 1 || tgid <= 0) return 0;
