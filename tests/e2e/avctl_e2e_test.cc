@@ -42,7 +42,7 @@ pid_t spawn(std::vector<std::string> args, int* out) {
     std::vector<char*> argv;
     for (std::string& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
-    execv(argv[0], argv.data());
+    execvp(argv[0], argv.data());
     _exit(127);
   }
   close(fds[1]);
