@@ -146,7 +146,7 @@ std::string usage_text() {
       "The whole script is checked before the first step runs. T is a time-out in\n"
       "ms (default --timeout). A step that fails prints why and ends the session.\n"
       "\n";
-  for (const VerbSpec& row : verb_table()) {
+  for (const VerbRule& row : verb_table()) {
     const std::string usage = row.usage;
     for (std::size_t start = 0; start < usage.size();) {
       const std::size_t end = std::min(usage.find('\n', start), usage.size());

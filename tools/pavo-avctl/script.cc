@@ -89,8 +89,8 @@ std::string Step::tail(std::size_t first) const {
   return out;
 }
 
-const std::vector<VerbSpec>& verb_table() {
-  static const std::vector<VerbSpec> table = {
+const std::vector<VerbRule>& verb_table() {
+  static const std::vector<VerbRule> table = {
       {"load", 1, 1, "load URL                      load a stream (Pavo_AVCtrl_Load)"},
       {"play", 0, 1, "play [SPEED]                  play, or change speed (default 1; 2 = 2x, -2 rewinds)"},
       {"pause", 0, 0, "pause                         pause"},
@@ -126,17 +126,17 @@ const std::vector<VerbSpec>& verb_table() {
 }
 
 bool check_step(const Step& step, std::string& error) {
-  const VerbSpec* spec = nullptr;
-  for (const VerbSpec& row : verb_table()) {
-    if (step.verb == row.verb) spec = &row;
+  const VerbRule* rule = nullptr;
+  for (const VerbRule& row : verb_table()) {
+    if (step.verb == row.verb) rule = &row;
   }
-  if (spec == nullptr) {
+  if (rule == nullptr) {
     error = "unknown step '" + step.verb + "' (pavo-avctl --help lists the steps)";
     return false;
   }
   const std::size_t n = step.args.size();
-  if (n < spec->min_args || (spec->max_args != kAnyCount && n > spec->max_args)) {
-    const std::string usage(spec->usage);
+  if (n < rule->min_args || (rule->max_args != kAnyCount && n > rule->max_args)) {
+    const std::string usage(rule->usage);
     error = "'" + step.verb + "' takes: " + usage.substr(0, usage.find("  "));
     return false;
   }

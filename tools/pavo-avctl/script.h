@@ -28,7 +28,7 @@ struct Step {
 
 // One row of the step table: the verb, how many words it takes and the
 // line of the --help text that describes it.
-struct VerbSpec {
+struct VerbRule {
   const char* verb;
   std::size_t min_args;
   std::size_t max_args;  // kAnyCount: no limit
@@ -37,7 +37,7 @@ struct VerbSpec {
 constexpr std::size_t kAnyCount = static_cast<std::size_t>(-1);
 
 // Every verb a script may use, in the order --help lists them.
-const std::vector<VerbSpec>& verb_table();
+const std::vector<VerbRule>& verb_table();
 
 // Splits `text` into steps and checks each (known verb, number of words,
 // numbers and names it carries). Returns true and fills `steps`; false with
