@@ -229,13 +229,8 @@ int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
   pavo::bench::use_private_ipc_namespace();
   return pavo::bench::run_with_ratios(argc, argv, [](pavo::bench::RatioReporter& r) {
-    for (int placement : {pavo::bench::kTwoCores, pavo::bench::kOneCore}) {
-      const std::string args = pavo::bench::placement_suffix(placement);
-      const std::string where = pavo::bench::placement_name(placement);
-      r.ratio("GetPosition / GetCurrentTime, " + where, "BM_GetPosition" + args,
-              "BM_GetCurrentTime" + args, 1.1);
-      r.ratio("translated report / plain dispatch, " + where, "BM_TranslatedStateReport" + args,
-              "BM_PlainEventDispatch" + args, placement == pavo::bench::kTwoCores ? 1.1 : 0);
-    }
+    r.ratio_per_placement("GetPosition / GetCurrentTime", "BM_GetPosition", "BM_GetCurrentTime", 1.1, 1.1);
+    r.ratio_per_placement("translated report / plain dispatch", "BM_TranslatedStateReport",
+                          "BM_PlainEventDispatch", 1.1);
   });
 }

@@ -233,16 +233,11 @@ int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
   pavo::bench::use_private_ipc_namespace();
   return pavo::bench::run_with_ratios(argc, argv, [](pavo::bench::RatioReporter& r) {
-    for (int placement : {pavo::bench::kTwoCores, pavo::bench::kOneCore}) {
-      const std::string args = pavo::bench::placement_suffix(placement);
-      const std::string where = pavo::bench::placement_name(placement);
-      r.ratio("service command / transport exchange, " + where, "BM_ServiceCommand" + args,
-              "BM_TransportExchange" + args);
-      r.ratio("service command / raw ping-pong, " + where, "BM_ServiceCommand" + args, "BM_RawPingPong" + args);
-      r.ratio("service request+event / transport request+event, " + where,
-              "BM_ServiceRequestAndEvent" + args, "BM_TransportRequestAndEvent" + args);
-      r.ratio("service request+event / service command, " + where, "BM_ServiceRequestAndEvent" + args,
-              "BM_ServiceCommand" + args);
-    }
+    r.ratio_per_placement("service command / transport exchange", "BM_ServiceCommand", "BM_TransportExchange");
+    r.ratio_per_placement("service command / raw ping-pong", "BM_ServiceCommand", "BM_RawPingPong");
+    r.ratio_per_placement("service request+event / transport request+event", "BM_ServiceRequestAndEvent",
+                          "BM_TransportRequestAndEvent");
+    r.ratio_per_placement("service request+event / service command", "BM_ServiceRequestAndEvent",
+                          "BM_ServiceCommand");
   });
 }

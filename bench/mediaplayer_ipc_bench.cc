@@ -296,18 +296,10 @@ int main(int argc, char** argv) {
   // Pinned like the responders, so that the JSON figures are comparable.
   ScopedPin pin(0);
   return pavo::bench::run_with_ratios(argc, argv, [](pavo::bench::RatioReporter& r) {
-    for (int placement : {pavo::bench::kTwoCores, pavo::bench::kOneCore}) {
-      const std::string args = pavo::bench::placement_suffix(placement);
-      const std::string where = pavo::bench::placement_name(placement);
-      const double limit = placement == pavo::bench::kTwoCores ? 1.3 : 0;
-      r.ratio("command / transport exchange, " + where, "BM_GetCurrentTime" + args,
-              "BM_TransportExchange" + args, limit);
-      r.ratio("command / raw ping-pong, " + where, "BM_GetCurrentTime" + args, "BM_RawPingPong" + args);
-      r.ratio("transport exchange / raw ping-pong, " + where, "BM_TransportExchange" + args,
-              "BM_RawPingPong" + args);
-      r.ratio("event round trip / raw ping-pong, " + where, "BM_EventDispatch" + args,
-              "BM_RawPingPong" + args);
-    }
+    r.ratio_per_placement("command / transport exchange", "BM_GetCurrentTime", "BM_TransportExchange", 1.3);
+    r.ratio_per_placement("command / raw ping-pong", "BM_GetCurrentTime", "BM_RawPingPong");
+    r.ratio_per_placement("transport exchange / raw ping-pong", "BM_TransportExchange", "BM_RawPingPong");
+    r.ratio_per_placement("event round trip / raw ping-pong", "BM_EventDispatch", "BM_RawPingPong");
     r.ratio("JSON work GetCurrentTime, library / jsoncpp", "BM_JsonLibrary_GetCurrentTime",
             "BM_JsonBaseline_GetCurrentTime", 1.0);
     r.ratio("JSON work GetTrackByIndex, library / jsoncpp", "BM_JsonLibrary_GetTrackByIndex",

@@ -22,7 +22,10 @@ void per_placement(benchmark::internal::Benchmark* b) {
   b->UseRealTime()->Unit(benchmark::kMicrosecond);
 }
 
+namespace {
+// The name suffix Google Benchmark gives a per_placement run.
 std::string placement_suffix(int placement) { return "/placement:" + std::to_string(placement) + "/real_time"; }
+}  // namespace
 
 namespace {
 bool pin(int cpu) {
@@ -104,6 +107,16 @@ void RatioReporter::ReportRuns(const std::vector<Run>& runs) {
 void RatioReporter::ratio(const std::string& label, const std::string& numerator,
                           const std::string& denominator, double limit) {
   lines_.push_back({label, numerator, denominator, limit});
+}
+
+void RatioReporter::ratio_per_placement(const std::string& label, const std::string& numerator,
+                                        const std::string& denominator, double two_cores_limit,
+                                        double one_core_limit) {
+  for (int placement : {kTwoCores, kOneCore}) {
+    const std::string suffix = placement_suffix(placement);
+    ratio(label + ", " + placement_name(placement), numerator + suffix, denominator + suffix,
+          placement == kTwoCores ? two_cores_limit : one_core_limit);
+  }
 }
 
 int RatioReporter::print_ratios() const {

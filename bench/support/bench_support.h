@@ -28,8 +28,6 @@ int responder_cpu(int placement);
 // Registers a benchmark once per placement (argument "placement"), timed in
 // real time and reported in microseconds: use as BENCHMARK(f)->Apply(per_placement).
 void per_placement(benchmark::internal::Benchmark* b);
-// The name suffix Google Benchmark gives such a run: "/placement:<p>/real_time".
-std::string placement_suffix(int placement);
 
 // Pins the calling thread to one CPU; restores the previous mask on destruction.
 class ScopedPin {
@@ -67,6 +65,11 @@ class RatioReporter : public benchmark::ConsoleReporter {
   // Adds a line "label: numerator / denominator = ratio (target <= limit)".
   void ratio(const std::string& label, const std::string& numerator, const std::string& denominator,
              double limit = 0);
+  // The same ratio for each placement of benchmarks registered with
+  // per_placement: labels end in the placement's name, names in its suffix.
+  void ratio_per_placement(const std::string& label, const std::string& numerator,
+                           const std::string& denominator, double two_cores_limit = 0,
+                           double one_core_limit = 0);
   // Prints the ratio lines; returns the number of ratios above their limit.
   int print_ratios() const;
 
