@@ -18,10 +18,17 @@
 
 #include "pavo-media-service/catalogue.h"
 #include "pavo-media-service/events.h"
+#include "pavo-media-service/protocol.h"
 
 namespace pavo::service {
 
 using Clock = std::chrono::steady_clock;
+
+// Fastest trick play that an engine accepts, either direction.
+constexpr double kMaxSpeed = 64.0;
+
+// Whether `kind` is a track kind that a page selects (video, audio, subtitles).
+inline bool valid_track_kind(int kind) { return kind >= kVideoTrack && kind <= kSubtitleTrack; }
 
 // What the page has set on the player; kept and reported back, otherwise
 // without effect on the virtual media.

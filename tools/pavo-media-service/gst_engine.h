@@ -1,6 +1,6 @@
 // The GStreamer engine: players that play their URL through a playbin3
 // pipeline, with the service's state events following the pipeline's
-// messages (see gst_player.cc for the mapping).
+// messages (see gst_player.h for the mapping).
 //
 // Built only where pkg-config finds GStreamer (PAVO_WITH_GSTREAMER); without
 // it gstreamer_engine() says so and fails.

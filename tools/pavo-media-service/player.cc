@@ -6,14 +6,6 @@
 #include "pavo-media-service/protocol.h"
 
 namespace pavo::service {
-namespace {
-
-constexpr double kMaxSpeed = 64.0;  // fastest trick play, either direction
-
-bool valid_kind(int kind) { return kind >= kVideoTrack && kind <= kSubtitleTrack; }
-
-}  // namespace
-
 Player::Player(unsigned id, double time_scale, const PlayerTimings& timings)
     : id_(id), scale_(time_scale), timings_(timings) {}
 
@@ -185,13 +177,13 @@ const Track* Player::track(int kind, int index) const {
 }
 
 bool Player::track_active(int kind, int index) const {
-  return valid_kind(kind) && active_[kind] == index;
+  return valid_track_kind(kind) && active_[kind] == index;
 }
 
-int Player::active_index(int kind) const { return valid_kind(kind) ? active_[kind] : -1; }
+int Player::active_index(int kind) const { return valid_track_kind(kind) ? active_[kind] : -1; }
 
 int Player::select_track(int kind, int index, Outbox* out) {
-  if (!valid_kind(kind) || track(kind, index) == nullptr) return -1;
+  if (!valid_track_kind(kind) || track(kind, index) == nullptr) return -1;
   if (active_[kind] == index) return 0;
   active_[kind] = index;
   if (kind == kSubtitleTrack) subtitles_enabled_ = true;
@@ -200,7 +192,7 @@ int Player::select_track(int kind, int index, Outbox* out) {
 }
 
 int Player::unselect_track(int kind, int index, Outbox* out) {
-  if (!valid_kind(kind) || track(kind, index) == nullptr) return -1;
+  if (!valid_track_kind(kind) || track(kind, index) == nullptr) return -1;
   if (active_[kind] != index) return 0;
   active_[kind] = -1;
   emit(kTrackChangeEvent, 0, kind, 0.0, out);

@@ -1,0 +1,200 @@
+// The GStreamer engine's player: one playbin3 pipeline per player.
+//
+// Mapping between the protocol and the pipeline:
+//   load       the URL (or a file name, made a file URI) is set on the
+//              pipeline, which goes to PAUSED: state connecting; the stream
+//              collection (the demuxer has read the headers) turns it into
+//              buffering; async-done (pre-rolled) ends the load: paused, or
+//              PLAYING asked for and playing reported when the pipeline has
+//              reached it. A load plays unless a pause came first.
+//   buffering  messages below 100 % pause a playing pipeline (state
+//              buffering) until 100 %.
+//   seek       a flushing, accurate seek (state seeking); its async-done
+//              gives the seek-completed event with the position reached.
+//              Seeks that come while one is under way wait for it.
+//   rate       a flushing seek at the new rate from the current position;
+//              backwards from 0 to it. A seek the pipeline refuses fails the
+//              request; 0 pauses.
+//   position   and duration from queries; the seek target while seeking.
+//   EOS        finished, or a new pass while loops are left.
+//   errors     an error event with the protocol's number (resource errors:
+//              network; stream type and demux errors: format; codec, decode
+//              and library errors: decoder; decryption: encrypted), then
+//              the error state, and the pipeline is shut.
+//   tracks     the stream collection: kind, caps name as encoding, the
+//              language tag as the container gives it, channels, size;
+//              selection through select-streams, with the track-change
+//              event once the pipeline reports the streams selected.
+//
+// The bus is polled from advance() every kPollInterval while the pipeline
+// runs: every call of the engine, bus handling included, runs under the
+// service's lock, so no GStreamer thread ever waits for that lock (a bus
+// handler on a streaming thread could, while a flushing seek under the
+// lock waits for that thread).
+//
+// Nothing that can wait on a streaming thread runs under that lock either:
+// state changes, seeks, queries and events go to the player's pipeline
+// thread (gst_pipeline_thread.h), and the engine waits for their result a
+// bounded time only. A flushing seek can deadlock inside GStreamer (the seek
+// holds the sink bin's lock while its flush waits for a streaming thread
+// that waits for that lock in a pad probe); a caller stuck there would hold
+// the service's lock for good, and the service would not even stop. A seek
+// that does not end in time is given up: when the pipeline thread is stuck
+// in it, the pipeline is left to itself and a new one seeks to the target.
+//
+// gst_player.cc holds the pipeline's life and the protocol's commands;
+// gst_player_messages.cc the bus messages and the phases they end.
+#ifndef PAVO_MEDIA_SERVICE_GST_PLAYER_H
+#define PAVO_MEDIA_SERVICE_GST_PLAYER_H
+
+#include <gst/gst.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "pavo-media-service/engine.h"
+#include "pavo-media-service/gst_pipeline_thread.h"
+#include "pavo-media-service/gst_streams.h"
+#include "pavo-media-service/protocol.h"
+
+namespace pavo::service {
+
+struct EngineConfig {
+  bool fake_sinks;  // fakesink for video and audio instead of the desktop's output
+};
+
+class GstPlayer final : public PlayerEngine {
+ public:
+  GstPlayer(unsigned id, EngineConfig config) : id_(id), config_(config) {}
+  ~GstPlayer() override { close_pipeline(); }
+  GstPlayer(const GstPlayer&) = delete;
+  GstPlayer& operator=(const GstPlayer&) = delete;
+
+  unsigned id() const override { return id_; }
+  int state() const override { return state_; }
+  const MediaItem* item() const override { return nullptr; }
+  const std::string& url() const override { return url_; }
+  PlayerSettings& settings() override { return settings_; }
+
+  int load(const std::string& url, Clock::time_point now, Outbox* out) override;
+  int play(Clock::time_point now, Outbox* out) override;
+  int pause(Clock::time_point now, Outbox* out) override;
+  int stop(Clock::time_point now, Outbox* out) override;
+  int seek(double seconds, Clock::time_point now, Outbox* out) override;
+  int set_rate(double thousandths, Clock::time_point now, Outbox* out) override;
+
+  double duration() const override { return duration_; }
+  double position(Clock::time_point now) const override;
+  double rate() const override { return speed_ * 1000.0; }
+
+  int track_count(int kind) const override;
+  const Track* track(int kind, int index) const override;
+  bool track_active(int kind, int index) const override {
+    return valid_track_kind(kind) && index >= 0 && active_[kind] == index;
+  }
+  int active_index(int kind) const override { return valid_track_kind(kind) ? active_[kind] : -1; }
+  int select_track(int kind, int index, Outbox* out) override;
+  int unselect_track(int kind, int index, Outbox* out) override;
+  int enable_subtitles(bool enable, Outbox* out) override;
+  int add_subtitle(const std::string&, const std::string&, const std::string&, Outbox*) override {
+    return -1;  // external subtitle files are not played by this engine
+  }
+
+  Clock::time_point next_deadline() const override { return next_poll_; }
+  void advance(Clock::time_point now, Outbox* out) override;
+
+ private:
+  static constexpr auto kPollInterval = std::chrono::milliseconds(10);
+  // How long the engine waits for the pipeline thread's answer before it goes
+  // on without it (state changes and seeks: taken as under way; queries: the
+  // last value known).
+  static constexpr auto kCallWait = std::chrono::milliseconds(500);
+  static constexpr auto kQueryWait = std::chrono::milliseconds(200);
+  // How long a position is carried on without an answer from the pipeline.
+  static constexpr double kCarryLimit = 5.0;  // seconds
+  // A seek or rate change without its async-done after this is given up.
+  static constexpr auto kSeekLimit = std::chrono::seconds(5);
+
+  // What the pipeline is doing on the way to a reported state.
+  enum class Phase {
+    kNone,
+    kConnecting,  // load: until the stream collection
+    kPrerolling,  // load or play after stop: until async-done
+    kSeeking,     // a flushing seek: until async-done
+    kRateChange,  // a flushing seek at a new rate: until async-done, unreported
+    kStarting,    // PLAYING asked for: until the pipeline is there
+  };
+
+  bool make_pipeline();
+  bool open_pipeline(const std::string& url);
+  void close_pipeline(Clock::duration wait = kShutWait);
+  void change_state(GstState state, bool drop_messages = false);
+  void watch_phase(Clock::time_point now, Outbox* out);
+  void give_up_seek(Outbox* out);
+  void emit(int event, int sub_event, int data1, double data2, Outbox* out) const {
+    out->push_back(player_event(id_, event, sub_event, data1, data2));
+  }
+  void set_state(int state, Outbox* out);
+  void poll_soon(Clock::time_point now) { next_poll_ = now + kPollInterval; }
+  bool flush_seek(double rate, double seconds);
+  double query_position() const;
+  bool seek_under_way() const { return phase_ == Phase::kSeeking || seek_pending_; }
+  bool prerolled() const;
+  void start_playing(Outbox* out);
+  void finish_preroll(bool first, Outbox* out);
+  void run_waiting_seek();
+  void handle(GstMessage* message, Outbox* out);
+  void on_async_done(Outbox* out);
+  void on_error(GstMessage* message, Outbox* out);
+  void on_eos(Outbox* out);
+  void on_buffering(int percent, Outbox* out);
+  void on_collection(GstStreamCollection* collection, Outbox* out);
+  void on_streams_selected(GstMessage* message, Outbox* out);
+  void read_tracks();
+  int change_selection(int kind, int index, Outbox* out);
+  bool send_selection();
+  bool selection_differs() const;
+
+  unsigned id_;
+  EngineConfig config_;
+  int state_ = kIdle;
+  std::string url_;
+  PlayerSettings settings_;
+
+  GstElement* pipeline_ = nullptr;  // owned; made at the first load
+  GstBus* bus_ = nullptr;           // owned
+  std::unique_ptr<PipelineThread> worker_;  // beside pipeline_: its blocking calls
+  mutable double last_position_ = 0.0;      // the last position a query gave
+  mutable Clock::time_point last_position_at_;  // when the pipeline gave it
+  Phase watched_phase_ = Phase::kNone;      // the phase phase_since_ dates
+  Clock::time_point phase_since_;
+  CollectionPtr collection_;
+  std::vector<Track> tracks_;
+  std::vector<std::string> stream_ids_;  // beside tracks_
+  int wanted_[3] = {0, 0, -1};           // selection asked of the pipeline
+  int active_[3] = {0, 0, -1};           // selection the pipeline reported
+  bool subtitles_enabled_ = false;
+  bool announce_selection_ = false;      // the page asked: report what the pipeline selects
+
+  Phase phase_ = Phase::kNone;
+  bool first_preroll_ = false;     // the preroll of a load or of a play after stop
+  bool play_wanted_ = true;        // where a load or seek ends: playing or paused
+  bool seek_pending_ = false;      // a seek waits for the phase under way
+  bool seek_reported_ = false;     // the seek under way ends with seek-completed
+  double seek_target_ = 0.0;
+  bool rate_pending_ = false;      // speed_ waits for the next seek
+  bool buffering_ = false;         // paused for network buffering
+  bool at_edge_ = false;           // finished at an end of the stream
+  double speed_ = 1.0;             // factor; 0 paused by rate
+  double pipeline_rate_ = 1.0;     // rate of the pipeline's segment
+  double duration_ = 0.0;
+  double held_position_ = 0.0;     // reported while no query applies
+  int loops_left_ = 0;
+  Clock::time_point next_poll_ = Clock::time_point::max();
+};
+
+}  // namespace pavo::service
+
+#endif  // PAVO_MEDIA_SERVICE_GST_PLAYER_H

@@ -1,0 +1,63 @@
+#include "pavo-media-service/gst_streams.h"
+
+#include "pavo-media-service/protocol.h"
+
+namespace pavo::service {
+
+int media_error(const GError* error) {
+  if (error->domain == GST_RESOURCE_ERROR) return kNetworkError;
+  if (error->domain == GST_STREAM_ERROR) {
+    switch (error->code) {
+      case GST_STREAM_ERROR_CODEC_NOT_FOUND:
+      case GST_STREAM_ERROR_DECODE:
+        return kDecoderError;
+      case GST_STREAM_ERROR_DECRYPT:
+      case GST_STREAM_ERROR_DECRYPT_NOKEY:
+        return kEncryptedError;
+      default:  // type not found, wrong type, demux, format, failed
+        return kFormatError;
+    }
+  }
+  if (error->domain == GST_LIBRARY_ERROR) return kDecoderError;
+  if (error->domain == GST_CORE_ERROR && error->code == GST_CORE_ERROR_MISSING_PLUGIN) {
+    return kDecoderError;
+  }
+  return kFormatError;
+}
+
+int kind_of(GstStreamType type) {
+  if (type & GST_STREAM_TYPE_VIDEO) return kVideoTrack;
+  if (type & GST_STREAM_TYPE_AUDIO) return kAudioTrack;
+  if (type & GST_STREAM_TYPE_TEXT) return kSubtitleTrack;
+  return kOtherTrack;
+}
+
+Track describe_stream(GstStream* stream, int kind, int number) {
+  Track t;
+  t.kind = kind;
+  t.track_id = number;
+  const std::unique_ptr<GstCaps, GstCapsUnref> caps(gst_stream_get_caps(stream));
+  if (caps && gst_caps_get_size(caps.get()) > 0) {
+    const GstStructure* s = gst_caps_get_structure(caps.get(), 0);
+    t.encoding = gst_structure_get_name(s);
+    t.encrypted = t.encoding == "application/x-cenc";
+    gst_structure_get_int(s, "width", &t.width);
+    gst_structure_get_int(s, "height", &t.height);
+    gst_structure_get_int(s, "channels", &t.audio_channels);
+  }
+  const std::unique_ptr<GstTagList, GstTagListUnref> tags(gst_stream_get_tags(stream));
+  if (tags) {
+    gchar* text = nullptr;
+    if (gst_tag_list_get_string(tags.get(), GST_TAG_LANGUAGE_CODE, &text)) {
+      t.language = text;
+      g_free(text);
+    }
+    if (gst_tag_list_get_string(tags.get(), GST_TAG_TITLE, &text)) {
+      t.label = text;
+      g_free(text);
+    }
+  }
+  return t;
+}
+
+}  // namespace pavo::service

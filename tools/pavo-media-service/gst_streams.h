@@ -1,0 +1,49 @@
+// GStreamer as the engine reads media through it: owners of GStreamer
+// references, the protocol's error number for a pipeline error, and the
+// protocol's track record of a stream.
+#ifndef PAVO_MEDIA_SERVICE_GST_STREAMS_H
+#define PAVO_MEDIA_SERVICE_GST_STREAMS_H
+
+#include <gst/gst.h>
+
+#include <memory>
+
+#include "pavo-media-service/catalogue.h"
+
+namespace pavo::service {
+
+// Owners of GStreamer references.
+struct GstObjectUnref {
+  void operator()(gpointer object) const { gst_object_unref(object); }
+};
+struct GstMessageUnref {
+  void operator()(GstMessage* message) const { gst_message_unref(message); }
+};
+struct GstCapsUnref {
+  void operator()(GstCaps* caps) const { gst_caps_unref(caps); }
+};
+struct GstTagListUnref {
+  void operator()(GstTagList* tags) const { gst_tag_list_unref(tags); }
+};
+struct GFreeDeleter {
+  void operator()(gpointer p) const { g_free(p); }
+};
+using MessagePtr = std::unique_ptr<GstMessage, GstMessageUnref>;
+using CollectionPtr = std::unique_ptr<GstStreamCollection, GstObjectUnref>;
+using GCharPtr = std::unique_ptr<gchar, GFreeDeleter>;
+
+// The protocol's error number for a pipeline error: resource errors are
+// network errors; codec, decode and library errors and missing plug-ins are
+// decoder errors; decryption errors are encrypted; the rest format errors.
+int media_error(const GError* error);
+
+// The protocol's track kind of a stream type (kOtherTrack for none of ours).
+int kind_of(GstStreamType type);
+
+// One track record from a stream of the collection: caps name as encoding,
+// the language tag as the container gives it, channels, size and title.
+Track describe_stream(GstStream* stream, int kind, int number);
+
+}  // namespace pavo::service
+
+#endif  // PAVO_MEDIA_SERVICE_GST_STREAMS_H
