@@ -223,7 +223,7 @@ TEST(LogHeaderAsC, CompilesAndLinksAsC) { EXPECT_EQ(pavo_log_c_header_check(), 1
 // listener, once started, runs until the process ends.
 TEST(ControlListenerTest, AppliesOneControlDatagramPerPassAndSendsItsListOnceASecond) {
   pavo::test::LoopbackSocket tool(PAVO_LOG_CONTROL_PORT);
-  ASSERT_TRUE(tool.bound) << "127.0.0.1:54321 is taken";
+  ASSERT_NE(tool.port, 0) << "127.0.0.1:54321 is taken";
   EXPECT_EQ(pavo_log_initialize(0), 0);
   EXPECT_EQ(pavo_log_initialize(2), -1);
   ASSERT_EQ(pavo_log_initialize(1), 0);
