@@ -46,26 +46,6 @@ std::string modules() {
   return std::string(out, n);
 }
 
-// `text` with each header replaced by "<H>", after comparing it with the
-// header rebuilt from its own timestamp, this process and this thread.
-std::string headers_checked(std::string text, const char* level) {
-  for (size_t at; (at = text.find("time=")) != std::string::npos;) {
-    long long stamp = 0;
-    std::sscanf(text.c_str() + at, "%*[^,],timestamp=%lld", &stamp);
-    const time_t when = static_cast<time_t>(stamp);
-    struct tm t = {};
-    localtime_r(&when, &t);
-    char header[128];
-    const int n = std::snprintf(header, sizeof header,
-                                "time=%d/%d/%d %d:%d:%d,timestamp=%lld,pid=%d,tid=%ld,logtype=%s", t.tm_mday,
-                                t.tm_mon + 1, t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec, stamp,
-                                static_cast<int>(getpid()), static_cast<long>(syscall(SYS_gettid)), level);
-    EXPECT_EQ(text.substr(at, static_cast<size_t>(n)), header);
-    text.replace(at, static_cast<size_t>(n), "<H>");
-  }
-  return text;
-}
-
 // What `call` writes to standard output (checked after the capture ends, so
 // that failures print).
 std::string printed(const std::function<void()>& call) {
@@ -158,10 +138,25 @@ TEST(LogTest, EachCallPrintsItsExactLineFromItsEffectiveLevelOn) {
     ASSERT_EQ(insert_modules_list("PAC_PLUGIN", level - 1), 0);  // stored 0: not listed
     std::string expected;
     for (const auto& [from, call, line] : calls) expected += level >= from ? line : "";
-    const std::string text = printed([&] {
+    std::string text = printed([&] {
       for (const auto& [from, call, line] : calls) call();
     });
-    EXPECT_EQ(headers_checked(text, level == 1 ? "error" : "info"), expected);
+    // Each header as rebuilt from its own timestamp, this process and this thread; then "<H>".
+    for (size_t at; (at = text.find("time=")) != std::string::npos;) {
+      long long stamp = 0;
+      std::sscanf(text.c_str() + at, "%*[^,],timestamp=%lld", &stamp);
+      const time_t when = static_cast<time_t>(stamp);
+      struct tm t = {};
+      localtime_r(&when, &t);
+      char header[128];
+      const int n = std::snprintf(header, sizeof header, "time=%d/%d/%d %d:%d:%d,timestamp=%lld,pid=%d,tid=%ld,logtype=%s",
+                                  t.tm_mday, t.tm_mon + 1, t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec, stamp,
+                                  static_cast<int>(getpid()), static_cast<long>(syscall(SYS_gettid)),
+                                  level == 1 ? "error" : "info");
+      EXPECT_EQ(text.substr(at, static_cast<size_t>(n)), header);
+      text.replace(at, static_cast<size_t>(n), "<H>");
+    }
+    EXPECT_EQ(text, expected);
   }
 }
 
