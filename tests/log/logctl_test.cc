@@ -3,9 +3,9 @@
 // change, and a second listener that makes --port necessary.
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <regex>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -39,8 +39,12 @@ std::string logctl(const std::vector<std::string>& args, std::string* raw = null
   for (size_t n; pipe != nullptr && (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
   const int status = pipe != nullptr ? pclose(pipe) : -1;
   if (raw != nullptr) *raw = output;
-  const std::string exit_code = std::to_string(status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1);
-  return exit_code + " " + std::regex_replace(output, std::regex("port [0-9]+"), "port P");
+  for (size_t at = 0; (at = output.find("port ", at)) != std::string::npos;) {
+    at += 5;
+    const size_t digits = std::min(output.find_first_not_of("0123456789", at), output.size()) - at;
+    if (digits > 0) output.replace(at, digits, "P");
+  }
+  return std::to_string(status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1) + " " + output;
 }
 
 // A second listener: sends its module list every 100 ms and makes the text of
