@@ -42,17 +42,6 @@ inline Json::Value reply_with(int ret, const char* member = nullptr,
   return reply;
 }
 
-// A service event for the test object's player.
-inline Json::Value player_event(int event, int data1, double data2 = 0.0) {
-  Json::Value e(Json::objectValue);
-  e["event_type"] = e["sub_event"] = 0;
-  e["event"] = event;
-  e["player_id"] = kPlayerId;
-  e["data1"] = data1;
-  e["data2"] = data2;
-  return e;
-}
-
 // Whether the A/V control layer logged `text` at level 3 for `function`.
 inline bool logged(const std::string& function, const std::string& text) {
   for (const auto& line : standin::media_log_lines()) {

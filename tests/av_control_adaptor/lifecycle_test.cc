@@ -77,7 +77,12 @@ TEST_F(AvctrlTest, CreateAndDestroyDriveThePlayerAndTheHandleLookup) {
   EXPECT_EQ(g_avctrl_count, 1);
   EXPECT_EQ(Pavo_AVCtrl_GetHandle(), nullptr) << "cleared by any destruction";
   // The first object's routine is still registered for its player.
-  ASSERT_TRUE(service_.send_event(player_event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 1.0)));
+  Json::Value seek(Json::objectValue);
+  seek["event_type"] = seek["sub_event"] = seek["data1"] = 0;
+  seek["event"] = PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED;
+  seek["player_id"] = kPlayerId;
+  seek["data2"] = 1.0;
+  ASSERT_TRUE(service_.send_event(seek));
   ASSERT_TRUE(wait_until([&] { return seen().size() == 3; }));
   EXPECT_EQ(seen(), (Seen{{kAsk, 0}, {kAsk, 1}, {kPosition, 1000.0}})) << "callbacks asked nothing";
   Pavo_AVCtrl_Destroy(handle_);
@@ -86,57 +91,36 @@ TEST_F(AvctrlTest, CreateAndDestroyDriveThePlayerAndTheHandleLookup) {
   EXPECT_TRUE(logged("Pavo_AVCtrl_GetHandle", "Error: initialized the avc 0 times."));
 }
 
-// The plug-in destroys the object while it holds a lock of its own that the
-// callback of an event being translated waits for: Destroy returns at once,
-// the translation posts nothing more (a report of playing posts the held-back
-// speed, then would post the state), and the object goes when the
-// translation ends, its player destroyed from the event thread.
-TEST_F(AvctrlTest, DestroyReturnsWhileTheCallbackWaitsForALockThePlugInHolds) {
-  std::mutex plug_in_lock;
-  std::atomic<bool> holding{false}, in_callback{false}, destroyed{false};
-  {
-    std::lock_guard<std::mutex> lock(mutex_);  // visibly to the event thread
+// A report of playing posts the held-back speed, then would post the state;
+// the callback blocks in the speed post (the plug-in may hold a lock of its
+// own that it waits for). Unregistering from another thread waits for that
+// post (from inside the callback it does not: SetPlayStatePostsChanges...);
+// Destroy returns at once, nothing more is posted, and the object and its
+// player go when the translation ends.
+TEST_F(AvctrlTest, UnregisterWaitsForAPostInFlightAndDestroyDoesNot) {
+  for (const bool destroy : {false, true}) {
+    SCOPED_TRACE(destroy ? "Destroy" : "Unregister");
+    clear();
+    put(STOPPED, STOPPED, AVCTRL_CMD_NONE, 1.0, 0.0);
+    ASSERT_EQ(Pavo_AVCtrl_RegisterCallback(handle_, record, this), 0);
+    std::promise<void> in_callback, release;
+    std::shared_future<void> released = release.get_future().share();
     on_post_ = [&](int) {
-      in_callback = true;
-      std::lock_guard<std::mutex> wait(plug_in_lock);
+      in_callback.set_value();
+      released.wait();
     };
+    std::thread event_thread([this] { event(PAVO_MEDIA_PLUGIN_EVENT_STATECHANGE, 5); });
+    in_callback.get_future().wait();
+    auto call = std::async(std::launch::async, [this, destroy] {
+      return destroy ? Pavo_AVCtrl_Destroy(handle_) : Pavo_AVCtrl_UnregisterCallback(handle_);
+    });
+    EXPECT_EQ(call.wait_for(destroy ? 5s : 100ms) == std::future_status::ready, destroy);
+    release.set_value();
+    EXPECT_EQ(call.get(), 0);
+    event_thread.join();
+    EXPECT_EQ(seen(), destroy ? (Seen{{kSpeed, 0.0}, {kAsk, 1}}) : (Seen{{kSpeed, 0.0}}));
   }
-  std::thread plug_in([&] {
-    std::lock_guard<std::mutex> hold(plug_in_lock);
-    holding = true;
-    if (!wait_until([&] { return in_callback.load(); })) return;
-    Pavo_AVCtrl_Destroy(handle_);
-    destroyed = true;
-  });
-  ASSERT_TRUE(wait_until([&] { return holding.load(); }));
-  ASSERT_TRUE(service_.send_event(player_event(PAVO_MEDIA_PLUGIN_EVENT_STATECHANGE, 5)));
-  ASSERT_TRUE(wait_until([&] { return destroyed.load(); })) << "Destroy waits for the callback";
-  plug_in.join();
   handle_ = nullptr;
-  ASSERT_TRUE(wait_until([&] { return seen().size() == 2; }));
-  EXPECT_EQ(seen(), (Seen{{kSpeed, 0.0}, {kAsk, 1}}));
-}
-
-// Unregistering from another thread waits for the post in flight; from
-// inside the callback (SetPlayStatePostsChanges...) it does not wait.
-TEST_F(AvctrlTest, UnregisterWaitsForAPostInFlightOnAnotherThread) {
-  std::promise<void> in_callback, release;
-  std::shared_future<void> released = release.get_future().share();
-  on_post_ = [&](int) {
-    in_callback.set_value();
-    released.wait();
-  };
-  std::thread event_thread([&] { event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 2.0); });
-  in_callback.get_future().wait();
-  auto unregistered = std::async(std::launch::async, [this] {
-    return Pavo_AVCtrl_UnregisterCallback(handle_);
-  });
-  EXPECT_EQ(unregistered.wait_for(100ms), std::future_status::timeout);
-  release.set_value();
-  EXPECT_EQ(unregistered.get(), 0);
-  event_thread.join();
-  event(PAVO_MEDIA_PLUGIN_EVENT_SEEKCOMPLETED, 0, 3.0);
-  EXPECT_EQ(seen(), (Seen{{kPosition, 2000.0}}));
 }
 
 // The callback may destroy its object from any post: the object lives until

@@ -1,20 +1,27 @@
-// The module table (level mapping, names, order, limits and their messages)
-// and the printed lines (exact text and colour of each log type at each
-// effective level, the header, and filtered calls that read nothing).
+// The module table (level mapping, names, order, limits and their messages),
+// the printed lines (exact text and colour of each log type at each
+// effective level, the header, and filtered calls that read nothing), both
+// against concurrent changes of the table, and the control listener.
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <functional>
 #include <string>
+#include <thread>
 #include <tuple>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "loopback.h"
 #include "pavo_log.h"
 #include "support/output_capture.h"
 
@@ -22,7 +29,9 @@ extern "C" int pavo_log_c_header_check(void);
 
 namespace {
 
+using pavo::test::control_datagram;
 using pavo::test::OutputCapture;
+using std::chrono::steady_clock;
 
 // The module list; "-" when get_modules_list left the buffer untouched.
 // Checks the count it returns and that every byte after the text is a NUL.
@@ -35,26 +44,6 @@ std::string modules() {
   EXPECT_EQ(std::string(out + n, sizeof out - n), std::string(sizeof out - n, '\0'));
   EXPECT_EQ(count, 1 + std::count(out, out + n, '|'));
   return std::string(out, n);
-}
-
-// `text` with each header replaced by "<H>", after comparing it with the
-// header rebuilt from its own timestamp, this process and this thread.
-std::string headers_checked(std::string text, const char* level) {
-  for (size_t at; (at = text.find("time=")) != std::string::npos;) {
-    long long stamp = 0;
-    std::sscanf(text.c_str() + at, "%*[^,],timestamp=%lld", &stamp);
-    const time_t when = static_cast<time_t>(stamp);
-    struct tm t = {};
-    localtime_r(&when, &t);
-    char header[128];
-    const int n = std::snprintf(header, sizeof header,
-                                "time=%d/%d/%d %d:%d:%d,timestamp=%lld,pid=%d,tid=%ld,logtype=%s", t.tm_mday,
-                                t.tm_mon + 1, t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec, stamp,
-                                static_cast<int>(getpid()), static_cast<long>(syscall(SYS_gettid)), level);
-    EXPECT_EQ(text.substr(at, static_cast<size_t>(n)), header);
-    text.replace(at, static_cast<size_t>(n), "<H>");
-  }
-  return text;
 }
 
 // What `call` writes to standard output (checked after the capture ends, so
@@ -149,13 +138,138 @@ TEST(LogTest, EachCallPrintsItsExactLineFromItsEffectiveLevelOn) {
     ASSERT_EQ(insert_modules_list("PAC_PLUGIN", level - 1), 0);  // stored 0: not listed
     std::string expected;
     for (const auto& [from, call, line] : calls) expected += level >= from ? line : "";
-    const std::string text = printed([&] {
+    std::string text = printed([&] {
       for (const auto& [from, call, line] : calls) call();
     });
-    EXPECT_EQ(headers_checked(text, level == 1 ? "error" : "info"), expected);
+    // Each header as rebuilt from its own timestamp, this process and this thread; then "<H>".
+    for (size_t at; (at = text.find("time=")) != std::string::npos;) {
+      long long stamp = 0;
+      std::sscanf(text.c_str() + at, "%*[^,],timestamp=%lld", &stamp);
+      const time_t when = static_cast<time_t>(stamp);
+      struct tm t = {};
+      localtime_r(&when, &t);
+      char header[128];
+      const int n = std::snprintf(header, sizeof header, "time=%d/%d/%d %d:%d:%d,timestamp=%lld,pid=%d,tid=%ld,logtype=%s",
+                                  t.tm_mday, t.tm_mon + 1, t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec, stamp,
+                                  static_cast<int>(getpid()), static_cast<long>(syscall(SYS_gettid)),
+                                  level == 1 ? "error" : "info");
+      EXPECT_EQ(text.substr(at, static_cast<size_t>(n)), header);
+      text.replace(at, static_cast<size_t>(n), "<H>");
+    }
+    EXPECT_EQ(text, expected);
   }
 }
 
+// Logging threads against a thread that keeps changing the table: lookups
+// never see a half-changed table, and printed lines never mix. The writer
+// switches "PAC_PLUGIN" and "absent_modulX" on and off around
+// "bbsent_module", so that a slot keeps changing between "absent_modulX" and
+// "bbsent_module". A lookup that mixed the first word of one name with the
+// rest of the other would find "absent_module", which is never in the table.
+TEST(LogThreadsTest, LookupsAndLinesStayWholeWhileTheTableChanges) {
+  constexpr int kReaders = 4, kLookups = 200000, kLines = 1000;
+  clear_modules_list();
+  ASSERT_EQ(insert_modules_list("bbsent_module", 1), 0);
+  std::atomic<int> running{kReaders}, waiting{kReaders}, wrong{0};
+  const std::string text = printed([&] {
+    std::thread writer([&] {
+      for (int on = 1; running.load() > 0; on = !on) insert_modules_list("PAC_PLUGIN|absent_modulX", on);
+    });
+    std::vector<std::thread> readers;
+    for (int r = 0; r < kReaders; ++r) {
+      readers.emplace_back([&, r] {
+        const std::string function = "reader" + std::to_string(r);
+        for (--waiting; waiting.load() > 0;) std::this_thread::yield();  // start together
+        for (int i = 0; i < kLookups; ++i) {
+          wrong += pavo_log_getLevel("absent_module") != 1;
+          wrong += pavo_log_getLevel("bbsent_module") != 2;
+          if (i >= kLines) continue;  // lines first, while the readers print side by side
+          pavo_log_print(PAVO_LOG_TYPE_ERROR, "PAC_PLUGIN", "x.cc", function.c_str(), i, nullptr, nullptr);
+          pavo_log_print(PAVO_LOG_TYPE_ENTER, "PAC_PLUGIN", "x.cc", function.c_str(), i, nullptr, nullptr);
+        }
+        running.fetch_sub(1);
+      });
+    }
+    for (auto& t : readers) t.join();
+    writer.join();
+  });
+  clear_modules_list();
+  EXPECT_EQ(wrong.load(), 0);
+
+  // Every byte belongs to a whole line, and error lines print at either level.
+  const std::string h = "time=#/#/# #:#:#,timestamp=#,pid=#,tid=#,logtype=", f = " Function: reader#()";
+  const std::string error = " File:x.cc" + f + ", line: #", enter = "\033[32m" + h + "info File: x.cc" + f + " Enter!";
+  size_t whole = 0;
+  int errors = 0;
+  for (size_t end; (end = text.find("\n\033[0m", whole)) != std::string::npos; whole = end + 5) {
+    std::string line = text.substr(whole, 5);  // the colour, then the rest with each run of digits as "#"
+    for (size_t i = whole + 5; i < end; ++i) {
+      const bool digit = std::isdigit(static_cast<unsigned char>(text[i])) != 0;
+      if (!digit || line.back() != '#') line += digit ? '#' : text[i];
+    }
+    const bool is_error = line == "\033[31m" + h + "info" + error || line == "\033[31m" + h + "error" + error;
+    if (!is_error && line != enter) break;
+    errors += is_error;
+  }
+  EXPECT_EQ(whole, text.size());
+  EXPECT_EQ(errors, kReaders * kLines);
+}
+
 TEST(LogHeaderAsC, CompilesAndLinksAsC) { EXPECT_EQ(pavo_log_c_header_check(), 1); }
+
+// The log control listener over real UDP on loopback, with the test playing
+// the control tool on 127.0.0.1:54321 in its own network namespace. Last: the
+// listener, once started, runs until the process ends.
+TEST(ControlListenerTest, AppliesOneControlDatagramPerPassAndSendsItsListOnceASecond) {
+  pavo::test::LoopbackSocket tool(PAVO_LOG_CONTROL_PORT);
+  ASSERT_NE(tool.port, 0) << "127.0.0.1:54321 is taken";
+  EXPECT_EQ(pavo_log_initialize(0), 0);
+  EXPECT_EQ(pavo_log_initialize(2), -1);
+  ASSERT_EQ(pavo_log_initialize(1), 0);
+  std::string list;
+  const int listener = tool.receive(list, 3000);
+  ASSERT_NE(listener, 0) << "no module list";
+  EXPECT_EQ(pavo_log_finalize(0) + pavo_log_finalize(1), 0);  // and stops nothing
+  EXPECT_EQ(pavo_log_finalize(-1), -1);
+
+  // The listener's next module list, also left in `list`.
+  const auto next_list = [&]() -> const std::string& {
+    for (int from; (from = tool.receive(list, 3000)) != 0;) {
+      if (from == listener) return list;
+    }
+    ADD_FAILURE() << "the listener fell silent";
+    return list = "<silent>";
+  };
+  // Module lists until one equals `wanted`, at most three of them.
+  const auto await_list = [&](const std::string& wanted) {
+    for (int i = 0; i < 3 && next_list() != wanted;) ++i;
+    return list;
+  };
+  const auto send = [&](const std::string& bytes) { ASSERT_TRUE(tool.send_to(listener, bytes)); };
+
+  // 1024 bytes without a NUL are the text: the level byte after them is not
+  // part of the last name, and bytes past the 1025th are never read.
+  const std::string no_nul = control_datagram(std::string(1014, '|') + "PAC_PLUGIN", 1);
+  send(no_nul + std::string(500, 'J'));
+  EXPECT_EQ(await_list("PAC_PLUGIN"), "PAC_PLUGIN");
+  EXPECT_EQ(pavo_log_getLevel("PAC_PLUGIN"), 2);
+  EXPECT_EQ(pavo::test::control_record(), no_nul);
+  send("PAC_PLUGIN");  // 10 bytes: the level byte reads 0
+  EXPECT_EQ(await_list(""), "");
+
+  // The clear command only as the whole text; then one datagram per pass, in order.
+  send(control_datagram(PAVO_LOG_CLEAR_COMMAND "|C", 1));
+  EXPECT_EQ(await_list("C|" PAVO_LOG_CLEAR_COMMAND), "C|" PAVO_LOG_CLEAR_COMMAND);
+  send(control_datagram("A", 1));
+  send(control_datagram("B", 1));
+  send(control_datagram(PAVO_LOG_CLEAR_COMMAND, 0));
+  if (next_list() == "C|" PAVO_LOG_CLEAR_COMMAND) next_list();  // a pass that ended before they came
+  const auto first = steady_clock::now();
+  EXPECT_EQ(list, "A|C|" PAVO_LOG_CLEAR_COMMAND);
+  EXPECT_EQ(next_list(), "A|B|C|" PAVO_LOG_CLEAR_COMMAND);
+  EXPECT_EQ(next_list(), "");
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - first).count();
+  EXPECT_GE(ms, 1600) << "two passes of a second";
+}
 
 }  // namespace

@@ -20,14 +20,14 @@ inline sockaddr_in loopback(int port) {
   return a;
 }
 
-// A UDP socket bound to 127.0.0.1:`port` (0: the system picks the port).
+// A UDP socket bound to 127.0.0.1:`bind_port` (0: the system picks the port).
 struct LoopbackSocket {
   explicit LoopbackSocket(int bind_port) : fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     sockaddr_in a = loopback(bind_port);
     socklen_t n = sizeof a;
-    bound = bind(fd, reinterpret_cast<sockaddr*>(&a), n) == 0 &&
-            getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n) == 0;
-    port = ntohs(a.sin_port);
+    const bool bound = bind(fd, reinterpret_cast<sockaddr*>(&a), n) == 0 &&
+                       getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n) == 0;
+    port = bound ? ntohs(a.sin_port) : 0;
   }
   ~LoopbackSocket() { close(fd); }
   LoopbackSocket(const LoopbackSocket&) = delete;
@@ -51,8 +51,7 @@ struct LoopbackSocket {
   }
 
   int fd;
-  bool bound;
-  int port;
+  int port;  // 0: not bound
 };
 
 // `text` NUL-padded to a whole control datagram with `level` as its last byte.

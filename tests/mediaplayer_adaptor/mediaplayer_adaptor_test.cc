@@ -9,6 +9,7 @@
 #include <fstream>
 #include <functional>
 #include <future>
+#include <tuple>
 #include <vector>
 
 #include "pavo_mediaplayer_adaptor.h"
@@ -45,15 +46,15 @@ TEST(MediaPlayerAdaptor, RacingFirstCallsShareOneInstanceThatReadsTheResolution)
   EXPECT_EQ(MediaPlayerAdaptor::m_instance->m_resolutionWidth, 1920);
   EXPECT_EQ(MediaPlayerAdaptor::m_instance->m_resolutionHeight, 1080);
 
-  std::ofstream(path) << "ResolutionWidth=wide\nResolutionHeight=0\n";
-  EXPECT_EQ(MediaPlayerAdaptor().m_resolutionWidth, 1280);
-  EXPECT_EQ(MediaPlayerAdaptor().m_resolutionHeight, 0);
-  std::ofstream(path) << "ResolutionHeight=2160\n";
-  EXPECT_EQ(MediaPlayerAdaptor().m_resolutionWidth, 1280) << "no key";
-  unsetenv("PAVO_TOV_CONFIG");
+  // A value that is no number, no key, no configuration (null).
+  for (const auto& [config, width, height] : {std::tuple{"ResolutionWidth=wide\nResolutionHeight=0\n", 1280, 0},
+                                              {"ResolutionHeight=2160\n", 1280, 2160}, {nullptr, 1280, 720}}) {
+    if (config != nullptr) std::ofstream(path) << config;
+    if (config == nullptr) unsetenv("PAVO_TOV_CONFIG");
+    const MediaPlayerAdaptor adaptor;
+    EXPECT_TRUE(adaptor.m_resolutionWidth == width && adaptor.m_resolutionHeight == height) << config;
+  }
   unlink(path);
-  EXPECT_EQ(MediaPlayerAdaptor().m_resolutionWidth, 1280) << "no configuration";
-  EXPECT_EQ(MediaPlayerAdaptor().m_resolutionHeight, 720);
 }
 
 void on_player_event(PavoMediaPluginEvent, PavoMediaError, const void*, int, double) {}
