@@ -208,6 +208,7 @@ TEST_F(AvctrlTest, StateReportsPassTheFiltersAsTheTableSays) {
       {PAUSED, PLAYING, SEEK, 0, kNone, 6, {}, PAUSED, 1},                  // paused seek
       {PLAYING, PAUSED, SEEK, 1, kNone, 6, {{kState, BUFFERING}}, BUFFERING, -1},
       {PAUSED, CONNECTING, PAUSE, 1, kNone, 7, {}, PAUSED, -1},             // early pause
+      {PAUSED, CONNECTING, PLAY, 1, kNone, 7, {{kState, BUFFERING}}, BUFFERING, -1},  // not one
       {PAUSED, PLAYING, PAUSE, 1, kNone, 6, {{kState, BUFFERING}}, BUFFERING, -1},
       // clang-format on
   };
