@@ -7,6 +7,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "client_fixture.h"
 #include "mediaplayer_ipc/registry.h"
@@ -53,13 +54,13 @@ void ask_position(PavoMediaPluginEvent, PavoMediaError, const void*, int, double
 
 TEST_F(Lifecycle, FinalizeWaitsForACommandThatACallbackHasInFlight) {
   pavo::test::ReplyTimeoutOverride patient(std::chrono::seconds(5));
-  Json::Value reply;
-  reply["ret"] = 0;
-  reply["current_time"] = 2.5;
-  service_.script(10, Answer::json(reply, std::chrono::milliseconds(300)));
+  service_.script(10, [](const Json::Value&) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    return Answer::json(pavo::test::json(R"({"ret":0,"current_time":2.5})"));
+  });
   Pavo_MediaPlayer_IPC_RegisterCallback(3, ask_position, nullptr);
   ASSERT_TRUE(service_.send_event_text(R"({"event_type":0,"player_id":3,"event":6})"));
-  ASSERT_TRUE(service_.wait_for_requests(1));  // the answer is 300 ms away
+  ASSERT_TRUE(pavo::test::wait_until([&] { return !service_.requests().empty(); }));  // answered 300 ms later
   EXPECT_EQ(Pavo_MediaPlayer_IPC_Finalize(), 0);
   EXPECT_EQ(g_result.load(), 0);
   EXPECT_EQ(g_time.load(), 2.5);
