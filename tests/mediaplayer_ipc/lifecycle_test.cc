@@ -1,6 +1,7 @@
-// Opening and closing the four endpoints: repeated calls, a command in
-// flight while closing, and a failed Initialize that keeps what it opened
-// first and is completed later.
+// Opening and closing the four endpoints: repeated calls, a request and the
+// one-way notice through them (the notice fails once they are closed), a
+// command in flight while closing, and a failed Initialize that keeps what
+// it opened first and is completed later.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -32,10 +33,14 @@ TEST_F(Lifecycle, InitializeTwiceOpensOnceAndFinalizeClosesEverything) {
   EXPECT_NE(notice_handle(), nullptr);
   EXPECT_EQ(Pavo_MediaPlayer_IPC_Play(1), 0);
   EXPECT_TRUE(service_.send_service_request(R"({"event_type":7})").has_value());
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_PlatformSubtitleEnable(true), 0);  // the one-way notice
+  ASSERT_TRUE(service_.wait_for_notices(1));
+  EXPECT_EQ(service_.notices()[0].text, pavo::test::json(R"({"event_type":31,"subtitleEnable":true})").toStyledString());
 
   Pavo_MediaPlayer_IPC_RegisterCallback(1, player_cb, nullptr);
   Pavo_MediaPlayer_IPC_RegisterCallback(2, player_cb, nullptr);
   EXPECT_EQ(Pavo_MediaPlayer_IPC_Finalize(), 0);  // (the commands then give -3: commands_test)
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_PlatformSubtitleEnable(false), -3);
   EXPECT_EQ(pavo::mediaplayer::player_count(), 0u);
   EXPECT_EQ(__atomic_load_n(&g_mediaplayer_cb, __ATOMIC_ACQUIRE), player_cb) << "the slot is kept";
   EXPECT_FALSE(service_.send_service_request(R"({"event_type":7})", std::chrono::milliseconds(200)))

@@ -33,17 +33,11 @@ bool send_frames(int queue, long mtype, uint32_t kind, const std::string& bytes)
   std::size_t offset = 0;
   uint32_t seq = 0;
   do {
-    std::memset(frame.get(), 0, sizeof(WireFrame));
-    const std::size_t take = std::min(kChunkPayload, bytes.size() - offset);
-    frame->mtype = mtype;
-    frame->kind = kind;
-    frame->total_len = static_cast<uint32_t>(bytes.size());
-    frame->seq_no = ++seq;
-    frame->one = 1;
-    frame->chunk_len = static_cast<uint32_t>(take);
+    const auto take = static_cast<uint32_t>(std::min(kChunkPayload, bytes.size() - offset));
+    const uint32_t last = offset + take == bytes.size();
+    *frame = WireFrame{mtype, kind, static_cast<uint32_t>(bytes.size()), ++seq, last, 1, 0, take, {}};
     if (take > 0) std::memcpy(frame->payload, bytes.data() + offset, take);
     offset += take;
-    frame->is_last = offset == bytes.size() ? 1 : 0;
     int attempts = 0;
     while (msgsnd(queue, frame.get(), kWireTextBytes, IPC_NOWAIT) != 0) {
       if ((errno != EAGAIN && errno != EINTR) || ++attempts > 1000) return false;
@@ -82,7 +76,6 @@ bool receive_message(int queue, long mtype, std::optional<Clock::time_point> dea
 Answer Answer::json(const Json::Value& reply) { return Answer{Kind::kReply, reply.toStyledString()}; }
 Answer Answer::text_reply(std::string text) { return Answer{Kind::kReply, std::move(text)}; }
 Answer Answer::no_reply() { return Answer{Kind::kNoReply, {}}; }
-Answer Answer::none() { return Answer{Kind::kNone, {}}; }
 
 FakeMediaService::FakeMediaService() {
   request_queue_ = create_fresh_queue(kRequestKey);

@@ -51,7 +51,6 @@ struct Answer {
   enum class Kind {
     kReply,    // a reply frame (kind 3) carrying `text`
     kNoReply,  // the no-reply answer: kind 4, text "a" with its NUL
-    kNone,     // nothing at all: the library waits until its reply time-out
   };
   Kind kind = Kind::kReply;
   std::string text;  // the reply's bytes (kReply)
@@ -61,7 +60,6 @@ struct Answer {
   // A reply of exactly these bytes (need not be JSON; may hold NULs).
   static Answer text_reply(std::string text);
   static Answer no_reply();
-  static Answer none();
 };
 
 // One message received from the library.
