@@ -1,7 +1,5 @@
 #include "support/fake_media_service.h"
 
-#include "support/test_queues.h"
-
 #include <sys/ipc.h>
 #include <sys/msg.h>
 
@@ -10,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+
+#include "support/test_queues.h"
 
 namespace pavo::test {
 namespace {
