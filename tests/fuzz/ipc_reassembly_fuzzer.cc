@@ -14,7 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "base/deleters.h"
 #include "ipc/diagnostics.h"
 #include "ipc/frame.h"
 #include "ipc/reassembly.h"
@@ -26,41 +25,30 @@ using pavo::ipc::Reassembly;
 
 constexpr long kMtype = 1;
 
-struct Input {
-  const uint8_t* data;
-  size_t size;
-  bool take(uint8_t* out) {
-    if (size == 0) return false;
-    *out = *data++;
-    --size;
-    return true;
-  }
-};
-
-void check(bool ok) {
-  if (!ok) std::abort();
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   pavo::ipc::set_diagnostic_sink_for_testing([](pavo::ipc::Stream, const char*) {});
-  Input in{data, size};
+  auto take = [&data, &size](uint8_t* out) {
+    if (size == 0) return false;
+    *out = *data++;
+    --size;
+    return true;
+  };
   uint8_t n_byte;
-  if (!in.take(&n_byte)) return 0;
+  if (!take(&n_byte)) return 0;
   const uint32_t n = 1 + n_byte % 64;
   const size_t frame_bytes = pavo::ipc::frame_buffer_size(n);
   std::vector<unsigned char> buffer(frame_bytes);  // malloc-aligned
   auto* frame = reinterpret_cast<pavo_ipc_frame*>(buffer.data());
   uint32_t capacity = n + 1;
-  pavo::MallocPtr<char> text(static_cast<char*>(std::malloc(capacity)));
-  char* raw = text.release();
+  char* raw = static_cast<char*>(std::malloc(capacity));
   Reassembly message(kMtype, n, &raw, &capacity);
 
   std::string expected;  // the chunks of the frames since the last start
   uint32_t next_seq = 1;
   uint8_t flags, len_lo, len_hi;
-  while (in.take(&flags) && in.take(&len_lo) && in.take(&len_hi)) {
+  while (take(&flags) && take(&len_lo) && take(&len_hi)) {
     uint32_t chunk_len = len_lo | (uint32_t{len_hi} << 8);
     if (!(flags & 0x80)) chunk_len %= n + 2;  // mostly plausible lengths
     std::memset(frame, 0, frame_bytes);
@@ -73,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const size_t room = n + 4;
     size_t filled = 0;
     uint8_t b;
-    while (filled < chunk_len && filled < room && in.take(&b)) frame->payload[filled++] = static_cast<char>(b);
+    while (filled < chunk_len && filled < room && take(&b)) frame->payload[filled++] = static_cast<char>(b);
     // What arrived: the whole frame, or (rarely) a frame cut before its end.
     size_t arrived = pavo::ipc::message_text_size(n);
     if (flags & 0x04) arrived = (len_lo % (pavo::ipc::kHeaderTextBytes + filled + 2));
@@ -89,9 +77,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         next_seq = frame->seq_no + 1;
         break;
       case Reassembly::Step::kComplete:
-        check(message.length() <= pavo::ipc::kMaxMessage);
-        check(raw[message.length()] == '\0');
-        check(std::string(raw, message.length()) == expected);
+        if (message.length() > pavo::ipc::kMaxMessage || raw[message.length()] != '\0') std::abort();
+        if (std::string(raw, message.length()) != expected) std::abort();
         next_seq = 1;
         expected.clear();
         break;
@@ -100,9 +87,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         expected.clear();
         break;
     }
-    check(capacity >= n + 1 && capacity <= pavo::ipc::kMaxMessage + 1);
+    if (capacity < n + 1 || capacity > pavo::ipc::kMaxMessage + 1) std::abort();
   }
   std::free(raw);
-  pavo::ipc::set_diagnostic_sink_for_testing(nullptr);
   return 0;
 }

@@ -18,18 +18,10 @@
 
 namespace {
 
-constexpr uint32_t kN = 1024;
-constexpr size_t kTextBytes = kN + 32;  // what msgsnd/msgrcv move per frame
-
-// One frame as the kernel moves it: mtype, then the header words kind,
-// total_len, seq_no, is_last, 1, 0, chunk_len, then N + 4 payload bytes (the
-// same PAVO_IPC_FRAME_BUFFER_SIZE bytes, also where long has 4 bytes).
-struct RawFrame {
-  long mtype;
-  uint32_t words[7];
-  unsigned char payload[kN + 4];
-  std::vector<uint32_t> header() const { return {words, words + 7}; }
-};
+// The frames are PAVO_IPC_FRAME_BUFFER_SIZE(kN) bytes, also where long has 4 bytes.
+using pavo::test::WireFrame;
+constexpr uint32_t kN = pavo::test::kWireChunk;
+constexpr size_t kTextBytes = pavo::test::kWireTextBytes;
 
 class Queue {
  public:
@@ -37,7 +29,7 @@ class Queue {
   int id() const { return id_; }
 
   size_t discard_all() {
-    RawFrame f;
+    WireFrame f;
     size_t n = 0;
     while (msgrcv(id_, &f, kTextBytes, 0, IPC_NOWAIT) >= 0) ++n;
     return n;
@@ -71,7 +63,7 @@ struct Received {
   int rc;
   std::string text;
   uint32_t capacity;
-  RawFrame header;  // the frame buffer after the receive: the final frame's header
+  WireFrame header;  // the frame buffer after the receive: the final frame's header
 };
 
 Received receive(Queue& q, long mtype = 1) {
@@ -99,9 +91,9 @@ TEST(Framing, ChunksOnTheWireAndReassembly) {
     SCOPED_TRACE(row.len);
     Queue q;
     const std::string text = pattern(row.len);
-    std::vector<RawFrame> frames(row.frames);  // read while sent: the queue holds 15
+    std::vector<WireFrame> frames(row.frames);  // read while sent: the queue holds 15
     std::thread reader([&] {
-      for (RawFrame& f : frames) EXPECT_EQ(msgrcv(q.id(), &f, kTextBytes, 0, 0), ssize_t{kTextBytes});
+      for (WireFrame& f : frames) EXPECT_EQ(msgrcv(q.id(), &f, kTextBytes, 0, 0), ssize_t{kTextBytes});
     });
     EXPECT_EQ(send(q, text, 5, 2), 0);
     reader.join();
@@ -113,7 +105,7 @@ TEST(Framing, ChunksOnTheWireAndReassembly) {
       EXPECT_EQ(frames[i].mtype, 5);
       EXPECT_EQ(frames[i].header(), (std::vector<uint32_t>{2, uint32_t(row.len), i + 1, last, 1, 0, chunk_len}));
       for (size_t b = chunk_len; b < kN + 4; ++b) ASSERT_EQ(frames[i].payload[b], 0) << "tail of " << i;
-      joined.append(reinterpret_cast<const char*>(frames[i].payload), chunk_len);
+      joined.append(frames[i].payload, chunk_len);
     }
     EXPECT_EQ(joined, text);
 
@@ -124,8 +116,8 @@ TEST(Framing, ChunksOnTheWireAndReassembly) {
     EXPECT_EQ(r.rc, 0);
     EXPECT_EQ(r.text, text);
     EXPECT_EQ(r.capacity, row.capacity);
-    EXPECT_EQ(r.header.words[0], 2u);
-    EXPECT_EQ(r.header.words[3], 1u) << "is_last of the final frame";
+    EXPECT_EQ(r.header.kind, 2u);
+    EXPECT_EQ(r.header.is_last, 1u) << "is_last of the final frame";
   }
 }
 
@@ -135,7 +127,7 @@ TEST(Framing, BadArgumentsAreRefused) {
   EXPECT_EQ(ipc_snd_internal(q.id(), 1, kN, nullptr, 1), -3);
   EXPECT_EQ(ipc_snd_internal(q.id(), 1, 0, &msg, 1), -3);
   EXPECT_EQ(ipc_snd_internal(q.id(), -1, kN, &msg, 1), -3);
-  RawFrame frame;
+  WireFrame frame;
   char* text = static_cast<char*>(std::calloc(1, 8));
   uint32_t capacity = 0;
   EXPECT_EQ(ipc_rcv_internal(q.id(), 1, kN, &frame, &text, &capacity), -3);

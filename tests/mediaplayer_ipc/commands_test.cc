@@ -2,7 +2,8 @@
 // exact request, the outputs of a full reply, of a reply without output
 // members, of unreadable replies and of failed exchanges. Then the rules of
 // single commands that a row cannot show: argument checks, the registry
-// after a destroy, the one-way notice, the irregular log records.
+// after a destroy, the irregular log records. (The one-way notice:
+// lifecycle_test.cc.)
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -176,7 +177,7 @@ class Commands : public pavo::test::ClientTest {
 };
 
 // A readable reply writes every output, whatever its "ret" says; an unreadable
-// one (or none) leaves every output untouched.
+// one (or the no-reply answer) leaves every output untouched.
 TEST_F(Commands, EveryRowAgainstReadableAndUnreadableReplies) {
   const std::vector<Answer> unreadable = {
       Answer::no_reply(),  // the transport's placeholder "a"
@@ -210,9 +211,6 @@ TEST_F(Commands, EveryRowAgainstReadableAndUnreadableReplies) {
       EXPECT_EQ(dump(outs), untouched) << row.request << " <- " << answer.text.substr(0, 40);
     }
   }
-  Outs outs;
-  EXPECT_EQ(run(kRows.front(), Answer::none(), &outs), -1) << "no answer within the reply time-out";
-  EXPECT_EQ(dump(outs), untouched);
   ASSERT_EQ(Pavo_MediaPlayer_IPC_Finalize(), 0);
   service_.clear_records();
   for (const Row& row : kRows) {
@@ -260,15 +258,6 @@ TEST_F(Commands, DestoryDropsTheRegistryEntryOnlyWhenAReplyWasRead) {
   service_.script(1, Answer::json(json(R"({"ret":-5})")));
   EXPECT_EQ(Pavo_MediaPlayer_IPC_Destory(5), -5);
   EXPECT_FALSE(pavo::mediaplayer::player_user_data(5).has_value());
-}
-
-TEST_F(Commands, PlatformSubtitleEnableIsAOneWayNotice) {
-  EXPECT_EQ(Pavo_MediaPlayer_IPC_PlatformSubtitleEnable(true), 0);
-  ASSERT_TRUE(service_.wait_for_notices(1));
-  EXPECT_EQ(service_.notices()[0].text, json(R"({"event_type":31,"subtitleEnable":true})").toStyledString());
-  EXPECT_TRUE(service_.requests().empty());
-  ASSERT_EQ(Pavo_MediaPlayer_IPC_Finalize(), 0);
-  EXPECT_EQ(Pavo_MediaPlayer_IPC_PlatformSubtitleEnable(false), -3);
 }
 
 // Every record of these calls, in order: the irregular ones lack a record.

@@ -1,12 +1,14 @@
-// Opening and closing the four endpoints: repeated calls, a command in
-// flight while closing, and a failed Initialize that keeps what it opened
-// first and is completed later.
+// Opening and closing the four endpoints: repeated calls, a request and the
+// one-way notice through them (the notice fails once they are closed), a
+// command in flight while closing, and a failed Initialize that keeps what
+// it opened first and is completed later.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <fstream>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "client_fixture.h"
 #include "mediaplayer_ipc/registry.h"
@@ -31,10 +33,14 @@ TEST_F(Lifecycle, InitializeTwiceOpensOnceAndFinalizeClosesEverything) {
   EXPECT_NE(notice_handle(), nullptr);
   EXPECT_EQ(Pavo_MediaPlayer_IPC_Play(1), 0);
   EXPECT_TRUE(service_.send_service_request(R"({"event_type":7})").has_value());
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_PlatformSubtitleEnable(true), 0);  // the one-way notice
+  ASSERT_TRUE(service_.wait_for_notices(1));
+  EXPECT_EQ(service_.notices()[0].text, pavo::test::json(R"({"event_type":31,"subtitleEnable":true})").toStyledString());
 
   Pavo_MediaPlayer_IPC_RegisterCallback(1, player_cb, nullptr);
   Pavo_MediaPlayer_IPC_RegisterCallback(2, player_cb, nullptr);
   EXPECT_EQ(Pavo_MediaPlayer_IPC_Finalize(), 0);  // (the commands then give -3: commands_test)
+  EXPECT_EQ(Pavo_MediaPlayer_IPC_PlatformSubtitleEnable(false), -3);
   EXPECT_EQ(pavo::mediaplayer::player_count(), 0u);
   EXPECT_EQ(__atomic_load_n(&g_mediaplayer_cb, __ATOMIC_ACQUIRE), player_cb) << "the slot is kept";
   EXPECT_FALSE(service_.send_service_request(R"({"event_type":7})", std::chrono::milliseconds(200)))
@@ -53,13 +59,13 @@ void ask_position(PavoMediaPluginEvent, PavoMediaError, const void*, int, double
 
 TEST_F(Lifecycle, FinalizeWaitsForACommandThatACallbackHasInFlight) {
   pavo::test::ReplyTimeoutOverride patient(std::chrono::seconds(5));
-  Json::Value reply;
-  reply["ret"] = 0;
-  reply["current_time"] = 2.5;
-  service_.script(10, Answer::json(reply, std::chrono::milliseconds(300)));
+  service_.script(10, [](const Json::Value&) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    return Answer::json(pavo::test::json(R"({"ret":0,"current_time":2.5})"));
+  });
   Pavo_MediaPlayer_IPC_RegisterCallback(3, ask_position, nullptr);
   ASSERT_TRUE(service_.send_event_text(R"({"event_type":0,"player_id":3,"event":6})"));
-  ASSERT_TRUE(service_.wait_for_requests(1));  // the answer is 300 ms away
+  ASSERT_TRUE(pavo::test::wait_until([&] { return !service_.requests().empty(); }));  // answered 300 ms later
   EXPECT_EQ(Pavo_MediaPlayer_IPC_Finalize(), 0);
   EXPECT_EQ(g_result.load(), 0);
   EXPECT_EQ(g_time.load(), 2.5);

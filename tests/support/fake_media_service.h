@@ -25,7 +25,8 @@
 // this class an ISOLATED one.
 //
 // Thread safety: every member function may be called from any thread.
-// Scripted functions run on the request thread, one request at a time.
+// Scripted functions run on the request thread, one request at a time (one
+// that sleeps delays its answer, and the destructor by as much).
 #ifndef PAVO_TESTS_SUPPORT_FAKE_MEDIA_SERVICE_H
 #define PAVO_TESTS_SUPPORT_FAKE_MEDIA_SERVICE_H
 
@@ -50,18 +51,15 @@ struct Answer {
   enum class Kind {
     kReply,    // a reply frame (kind 3) carrying `text`
     kNoReply,  // the no-reply answer: kind 4, text "a" with its NUL
-    kNone,     // nothing at all: the library waits until its reply time-out
   };
   Kind kind = Kind::kReply;
-  std::string text;                    // the reply's bytes (kReply)
-  std::chrono::milliseconds delay{0};  // wait this long before answering
+  std::string text;  // the reply's bytes (kReply)
 
   // A reply rendered from `reply` (jsoncpp's styled layout).
-  static Answer json(const Json::Value& reply, std::chrono::milliseconds delay = {});
+  static Answer json(const Json::Value& reply);
   // A reply of exactly these bytes (need not be JSON; may hold NULs).
   static Answer text_reply(std::string text);
   static Answer no_reply();
-  static Answer none();
 };
 
 // One message received from the library.
@@ -101,12 +99,10 @@ class FakeMediaService {
   // ---- What arrived ----
   // Requests on 0x95000100, oldest first.
   std::vector<Received> requests() const;
-  // Blocks until at least `count` requests have arrived in total, at most
-  // `limit`. Returns whether they did.
-  bool wait_for_requests(std::size_t count,
-                         std::chrono::milliseconds limit = std::chrono::seconds(5)) const;
-  // One-way notices on 0x95000080, oldest first, and the wait for them.
+  // One-way notices on 0x95000080, oldest first.
   std::vector<Received> notices() const;
+  // Blocks until at least `count` notices have arrived in total, at most
+  // `limit`. Returns whether they did.
   bool wait_for_notices(std::size_t count,
                         std::chrono::milliseconds limit = std::chrono::seconds(5)) const;
   // Forgets the recorded requests and notices (counts start from 0 again).
@@ -127,9 +123,9 @@ class FakeMediaService {
  private:
   // Records every message of `kind` on `queue` until the queue goes, and
   // answers requests.
-  void serve(int queue, int32_t kind);
-  // Sends the script's answer to `request`; false when stopping meanwhile.
-  bool answer(long mtype, const Json::Value& request);
+  void serve(int queue, uint32_t kind);
+  // Sends the script's answer to `request`.
+  void answer(long mtype, const Json::Value& request);
 
   int request_queue_ = -1;
   int reply_queue_ = -1;
@@ -140,7 +136,6 @@ class FakeMediaService {
   std::map<int, Responder> script_;  // guarded by mutex_
   std::vector<Received> requests_;   // guarded by mutex_
   std::vector<Received> notices_;    // guarded by mutex_
-  bool stopping_ = false;            // guarded by mutex_
   mutable std::mutex service_request_mutex_;
 
   std::thread request_thread_;

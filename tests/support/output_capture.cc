@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
@@ -27,14 +28,9 @@ OutputCapture::~OutputCapture() {
 
 std::string OutputCapture::text() {
   std::fflush(nullptr);
-  std::string out;
-  char buf[4096];
-  off_t pos = 0;
-  ssize_t n;
-  while ((n = pread(file_fd_, buf, sizeof buf, pos)) > 0) {
-    out.append(buf, static_cast<size_t>(n));
-    pos += n;
-  }
+  // The captured descriptor writes at the end of the file it shares with file_fd_.
+  std::string out(static_cast<size_t>(std::max<off_t>(lseek(file_fd_, 0, SEEK_END), 0)), '\0');
+  out.resize(static_cast<size_t>(std::max<ssize_t>(pread(file_fd_, out.data(), out.size(), 0), 0)));
   return out;
 }
 

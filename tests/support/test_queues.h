@@ -1,11 +1,14 @@
-// Queue keys and queue clean-up for tests.
+// Queue keys, queue clean-up and the transport's frame for tests.
 #ifndef PAVO_TESTS_SUPPORT_TEST_QUEUES_H
 #define PAVO_TESTS_SUPPORT_TEST_QUEUES_H
 
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <vector>
 
 namespace pavo::test {
 
@@ -31,6 +34,19 @@ void remove_queue(key_t key);
 
 // Number of messages waiting in the queue of `key`; -1 if there is none.
 long queued_messages(key_t key);
+
+// One frame of the transport as msgsnd/msgrcv move it, written here
+// independently of the library: the message type, seven header words and
+// N + 4 payload bytes (N = kWireChunk, the chunk size of the tests and of
+// the media-player queues). A chunk carries at most N + 1 bytes.
+constexpr uint32_t kWireChunk = 1024;
+constexpr std::size_t kWireTextBytes = kWireChunk + 32;  // what msgsnd/msgrcv move
+struct WireFrame {
+  long mtype;
+  uint32_t kind, total_len, seq_no, is_last, one, zero, chunk_len;  // one: 1, zero: 0
+  char payload[kWireChunk + 4];
+  std::vector<uint32_t> header() const { return {kind, total_len, seq_no, is_last, one, zero, chunk_len}; }
+};
 
 // Polls `done` every millisecond until it holds or `limit` passes.
 bool wait_until(const std::function<bool()>& done,
