@@ -30,40 +30,24 @@ struct Delivery {
   bool flag;
 };
 
-class Deliveries {
- public:
-  void add(Delivery d) {
-    {
-      std::lock_guard<std::mutex> lock(mu_);
-      all_.push_back(std::move(d));
-    }
-    changed_.notify_all();
-  }
-  // Waits for the `count`-th delivery of `event` (1-based); a copy of it, or
-  // an event of -1 at the deadline.
-  Delivery wait(int event, int count = 1) {
-    std::unique_lock<std::mutex> lock(mu_);
-    Delivery found{-1, nullptr, {}, 0, 0, false};
-    changed_.wait_for(lock, wait_limit(), [&] {
-      int seen = 0;
-      for (const Delivery& d : all_) {
-        if (d.event == event && ++seen == count) {
-          found = d;
-          return true;
-        }
+// Waits for the `count`-th delivery of `event` (1-based) to `record`; a copy
+// of it, or an event of -1 at the deadline.
+Delivery nth(Record<Delivery>& record, int event, int count = 1) {
+  Delivery found{-1, nullptr, {}, 0, 0, false};
+  record.wait([&](const std::vector<Delivery>& all) {
+    int seen = 0;
+    for (const Delivery& d : all) {
+      if (d.event == event && ++seen == count) {
+        found = d;
+        return true;
       }
-      return false;
-    });
-    return found;
-  }
+    }
+    return false;
+  });
+  return found;
+}
 
- private:
-  std::mutex mu_;
-  std::condition_variable changed_;
-  std::vector<Delivery> all_;
-};
-
-Deliveries g_drm, g_sync;
+Record<Delivery> g_drm, g_sync;
 
 const char* text(const char* s) { return s == nullptr ? "(null)" : s; }
 
@@ -107,14 +91,14 @@ TEST_F(EndToEnd, DrmEventsReachTheCallbackWithEachAgentsContext) {
   char id[8];
   ASSERT_EQ(Pavo_DrmAgent_sendDRMMessage(agents[0], "application/vnd.test", "<m/>", "19188", id, sizeof id), 0);
   EXPECT_STREQ(id, "1");
-  Delivery known = g_drm.wait(PAVO_DRM_EVENT_MESSAGE_RESULT, 1);
+  Delivery known = nth(g_drm, PAVO_DRM_EVENT_MESSAGE_RESULT, 1);
   ASSERT_EQ(known.event, PAVO_DRM_EVENT_MESSAGE_RESULT);
   EXPECT_EQ(known.user_data, &contexts[0]);
   EXPECT_EQ(known.texts[0], "1");
   EXPECT_EQ(known.number, 0);
 
   ASSERT_EQ(Pavo_DrmAgent_sendDRMMessage(agents[1], "application/vnd.test", "<m/>", "4242", id, sizeof id), 0);
-  Delivery unknown = g_drm.wait(PAVO_DRM_EVENT_MESSAGE_RESULT, 2);
+  Delivery unknown = nth(g_drm, PAVO_DRM_EVENT_MESSAGE_RESULT, 2);
   ASSERT_EQ(unknown.event, PAVO_DRM_EVENT_MESSAGE_RESULT);
   EXPECT_EQ(unknown.user_data, &contexts[1]);
   EXPECT_EQ(unknown.number, 5);  // unknown DRM system
@@ -129,7 +113,7 @@ TEST_F(EndToEnd, DrmEventsReachTheCallbackWithEachAgentsContext) {
   EXPECT_FALSE(record);
 
   ASSERT_EQ(Pavo_DrmAgent_clearLicense(agents[1]), 0);
-  Delivery cleared = g_drm.wait(PAVO_DRM_EVENT_SYSTEM_STATUS_CHANGE);
+  Delivery cleared = nth(g_drm, PAVO_DRM_EVENT_SYSTEM_STATUS_CHANGE);
   EXPECT_EQ(cleared.user_data, &contexts[1]);
   ASSERT_EQ(cleared.texts.size(), 1u);
   EXPECT_EQ(cleared.texts[0], "19188");
@@ -152,15 +136,15 @@ TEST_F(EndToEnd, MediaSyncAnnouncesContentTimelineAndSpeed) {
   ASSERT_EQ(Pavo_MediaPlayer_IPC_SetTimelineSelector(player, "urn:dvb:css:timeline:pts"), 0);
   ASSERT_EQ(Pavo_MediaPlayer_IPC_StartMediaSync(player), 0);
 
-  Delivery info = g_sync.wait(PAVO_MEDIA_SYNC_MSG_INFO_CHANGE);
+  Delivery info = nth(g_sync, PAVO_MEDIA_SYNC_MSG_INFO_CHANGE);
   ASSERT_EQ(info.event, PAVO_MEDIA_SYNC_MSG_INFO_CHANGE);
   EXPECT_EQ(info.user_data, &context);
   EXPECT_EQ(info.texts, (std::vector<std::string>{"dvb://233a.1004.1044;363a", "http://mrs.media.test/vod"}));
   EXPECT_EQ(info.number, 1);
-  EXPECT_TRUE(g_sync.wait(PAVO_MEDIA_SYNC_MSG_TIMELINE_AVAILABLE).flag);
+  EXPECT_TRUE(nth(g_sync, PAVO_MEDIA_SYNC_MSG_TIMELINE_AVAILABLE).flag);
 
   ASSERT_EQ(Pavo_MediaPlayer_IPC_SetPlayRate(player, 2000.0), 0);
-  EXPECT_EQ(g_sync.wait(PAVO_MEDIA_SYNC_MSG_SPEED_CHANGE).value, 2.0);
+  EXPECT_EQ(nth(g_sync, PAVO_MEDIA_SYNC_MSG_SPEED_CHANGE).value, 2.0);
 
   char content[64] = {};
   unsigned len = sizeof content;
@@ -173,7 +157,7 @@ TEST_F(EndToEnd, MediaSyncAnnouncesContentTimelineAndSpeed) {
   EXPECT_EQ(timeline.unitsPerSecond, 90000u);
 
   ASSERT_EQ(Pavo_MediaPlayer_IPC_StopMediaSync(player), 0);
-  EXPECT_FALSE(g_sync.wait(PAVO_MEDIA_SYNC_MSG_TIMELINE_AVAILABLE, 2).flag);
+  EXPECT_FALSE(nth(g_sync, PAVO_MEDIA_SYNC_MSG_TIMELINE_AVAILABLE, 2).flag);
   EXPECT_EQ(Pavo_MediaPlayer_IPC_UnregisterMediaSyncCallback(player), 0);
   EXPECT_EQ(Pavo_MediaPlayer_IPC_Destory(player), 0);
 }

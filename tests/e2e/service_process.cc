@@ -87,28 +87,10 @@ int ServiceProcess::stop(std::chrono::milliseconds limit) {
   kill(pid_, SIGTERM);
   // The stopped line comes last; the pipe's end follows the exit.
   read_until("pavo-media-service: stopped\n", std::chrono::steady_clock::now() + limit);
-  int status = 0;
-  pid_t done = 0;
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while ((done = waitpid(pid_, &status, WNOHANG)) == 0 && std::chrono::steady_clock::now() < deadline) {
-    usleep(1000);
-  }
-  int result = -1;
-  if (done == pid_) {
-    result = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  } else {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, &status, 0);
-  }
-  pid_ = -1;
-  close(out_fd_);
-  out_fd_ = -1;
+  const int result = reap(limit);
+  kill_now();  // still running: it had to be killed
   return result;
 }
-
-}  // namespace pavo::e2e
-
-namespace pavo::e2e {
 
 void ServiceProcess::kill_now() {
   if (pid_ <= 0) return;
