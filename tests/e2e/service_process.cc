@@ -9,12 +9,14 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 
 namespace pavo::e2e {
 
 std::vector<std::string> service_command() {
+  if (const char* other = std::getenv("PAVO_TEST_MEDIA_SERVICE")) return {other};
   // PAVO_MEDIA_SERVICE_COMMAND: a '|'-separated list of words set by the build.
   std::vector<std::string> words;
   std::stringstream list(PAVO_MEDIA_SERVICE_COMMAND);

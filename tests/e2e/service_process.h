@@ -13,8 +13,10 @@
 
 namespace pavo::e2e {
 
-// The command that runs the service: the build's emulator words (cross
-// builds), then the program, as the build configured them.
+// The command that runs the service: the program that the environment
+// variable PAVO_TEST_MEDIA_SERVICE names (another build's service, for the
+// mixed-architecture run), else the build's emulator words (cross builds),
+// then the program, as the build configured them.
 std::vector<std::string> service_command();
 
 // Not thread-safe; one owner.
@@ -24,9 +26,6 @@ class ServiceProcess {
   ~ServiceProcess() { stop(); }
   ServiceProcess(const ServiceProcess&) = delete;
   ServiceProcess& operator=(const ServiceProcess&) = delete;
-
-  // Runs `command` in place of service_command() from the next start on.
-  void use_command(std::vector<std::string> command) { command_ = std::move(command); }
 
   // Starts `command` plus "--time-scale <scale>" and `extra` arguments,
   // pinned to `cpu` when it is not negative, and waits at most `limit` for
@@ -41,8 +40,6 @@ class ServiceProcess {
   // Everything the service printed on standard output up to now (read
   // while starting and stopping).
   const std::string& output() const { return output_; }
-  bool running() const { return pid_ > 0; }
-  pid_t pid() const { return pid_; }
 
   // Faults for the reliability tests. kill_now() ends the service with
   // SIGKILL and reaps it (its queues stay, as after a crash); suspend() and

@@ -11,6 +11,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -34,29 +36,28 @@ constexpr auto kStress = std::chrono::seconds(PAVO_STRESS_SECONDS);
 // are not done within this limit.
 constexpr unsigned kHangLimitSeconds = PAVO_STRESS_SECONDS + 120;
 
-enum Op { kPlay, kPlayFast, kPause, kSeek, kPosition, kState, kSpeed, kDuration, kCount, kTrack, kSelect, kActive, kOps };
-
-int call(void* av, Op op, std::mt19937& random) {
-  switch (op) {
-    case kPlay: return Pavo_AVCtrl_Play(av, 1.0);
-    case kPlayFast: return Pavo_AVCtrl_Play(av, 2.0);
-    case kPause: return Pavo_AVCtrl_Pause(av);
-    case kSeek: return Pavo_AVCtrl_Seek(av, static_cast<double>(random() % 50000));
-    case kPosition: { double v; return Pavo_AVCtrl_GetPosition(av, &v); }
-    case kState: { PavoAVCtrlPlayState s; return Pavo_AVCtrl_GetPlayState(av, &s); }
-    case kSpeed: { double v; return Pavo_AVCtrl_GetCurrentSpeed(av, &v); }
-    case kDuration: { double v; return Pavo_AVCtrl_GetPlayTime(av, &v); }
-    case kCount: { unsigned n; return Pavo_AVCtrl_GetAVComponentNum(av, PAVO_AV_COMPONENT_TYPE_AUDIO, &n); }
-    case kTrack: {
+// What the plug-in's threads call: playback control, the getters and the
+// component functions.
+using Random = std::mt19937;
+const std::function<void(void*, Random&)> kCalls[] = {
+    [](void* av, Random&) { Pavo_AVCtrl_Play(av, 1.0); },
+    [](void* av, Random&) { Pavo_AVCtrl_Play(av, 2.0); },
+    [](void* av, Random&) { Pavo_AVCtrl_Pause(av); },
+    [](void* av, Random& random) { Pavo_AVCtrl_Seek(av, static_cast<double>(random() % 50000)); },
+    [](void* av, Random&) { double v; Pavo_AVCtrl_GetPosition(av, &v); },
+    [](void* av, Random&) { PavoAVCtrlPlayState s; Pavo_AVCtrl_GetPlayState(av, &s); },
+    [](void* av, Random&) { double v; Pavo_AVCtrl_GetCurrentSpeed(av, &v); },
+    [](void* av, Random&) { double v; Pavo_AVCtrl_GetPlayTime(av, &v); },
+    [](void* av, Random&) { unsigned n; Pavo_AVCtrl_GetAVComponentNum(av, PAVO_AV_COMPONENT_TYPE_AUDIO, &n); },
+    [](void* av, Random& random) {
       PavoAVCtrlTrackInfo info{};
-      return Pavo_AVCtrl_GetAVComponentByIndex(av, PAVO_AV_COMPONENT_TYPE_AUDIO, random() % 2, &info);
-    }
-    case kSelect: return Pavo_AVCtrl_SelectComponent(av, PAVO_AV_COMPONENT_TYPE_AUDIO, static_cast<int>(random() % 2));
-    case kActive: { int i; return Pavo_AVCtrl_GetCurrentActiveComponent(av, PAVO_AV_COMPONENT_TYPE_AUDIO, &i); }
-    case kOps: break;
-  }
-  return -100;
-}
+      Pavo_AVCtrl_GetAVComponentByIndex(av, PAVO_AV_COMPONENT_TYPE_AUDIO, random() % 2, &info);
+    },
+    [](void* av, Random& random) {
+      Pavo_AVCtrl_SelectComponent(av, PAVO_AV_COMPONENT_TYPE_AUDIO, static_cast<int>(random() % 2));
+    },
+    [](void* av, Random&) { int i; Pavo_AVCtrl_GetCurrentActiveComponent(av, PAVO_AV_COMPONENT_TYPE_AUDIO, &i); },
+};
 
 TEST_F(EndToEnd, EightThreadsOnOneObjectWhileEventsPourIn) {
   play_until_playing(kVod);
@@ -66,10 +67,8 @@ TEST_F(EndToEnd, EightThreadsOnOneObjectWhileEventsPourIn) {
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
-      std::mt19937 random(static_cast<unsigned>(t) * 7919u + 1u);
-      while (std::chrono::steady_clock::now() < end) {
-        call(av_, static_cast<Op>(random() % kOps), random);
-      }
+      Random random(static_cast<unsigned>(t) * 7919u + 1u);
+      while (std::chrono::steady_clock::now() < end) kCalls[random() % std::size(kCalls)](av_, random);
     });
   }
   for (std::thread& t : threads) t.join();
