@@ -4,9 +4,8 @@
 #include <gtest/gtest.h>
 #include <sys/msg.h>
 
-#include <condition_variable>
 #include <cstring>
-#include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,20 +19,18 @@
 namespace pavo::e2e {
 namespace {
 
-// What reached a DRM or media-sync callback, with copies of its texts.
+// What reached a DRM or media-sync callback: its user data and the values
+// of its event, in text.
 struct Delivery {
   int event;
   const void* user_data;
-  std::vector<std::string> texts;
-  int number;
-  double value;
-  bool flag;
+  std::string text;
 };
 
 // Waits for the `count`-th delivery of `event` (1-based) to `record`; a copy
 // of it, or an event of -1 at the deadline.
 Delivery nth(Record<Delivery>& record, int event, int count = 1) {
-  Delivery found{-1, nullptr, {}, 0, 0, false};
+  Delivery found{-1, nullptr, ""};
   record.wait([&](const std::vector<Delivery>& all) {
     int seen = 0;
     for (const Delivery& d : all) {
@@ -52,31 +49,25 @@ Record<Delivery> g_drm, g_sync;
 const char* text(const char* s) { return s == nullptr ? "(null)" : s; }
 
 void on_drm(PavoDrmEvent event, const PavoDrmEventInfo* info, const void* user_data) {
-  Delivery d{event, user_data, {}, 0, 0, false};
+  std::ostringstream t;
   if (event == PAVO_DRM_EVENT_MESSAGE_RESULT) {
-    d.texts = {text(info->messageResult.msgId), text(info->messageResult.resultMsg)};
-    d.number = info->messageResult.resultCode;
-  } else if (event == PAVO_DRM_EVENT_SYSTEM_STATUS_CHANGE) {
-    d.texts = {text(info->statusChange.sysId)};
+    t << text(info->messageResult.msgId) << ' ' << info->messageResult.resultCode;  // the id and the code
   }
-  g_drm.add(d);
+  if (event == PAVO_DRM_EVENT_SYSTEM_STATUS_CHANGE) t << text(info->statusChange.sysId);
+  g_drm.add({event, user_data, t.str()});
 }
 
 void on_sync(PavoMediaSyncMsgType type, const PavoMSEventInfo* info, const void* user_data) {
-  Delivery d{type, user_data, {}, 0, 0, false};
-  if (type == PAVO_MEDIA_SYNC_MSG_TIMELINE_AVAILABLE) d.flag = info->available.timelineAvailable;
-  if (type == PAVO_MEDIA_SYNC_MSG_SPEED_CHANGE) d.value = info->speedChange.speed;
+  std::ostringstream t;  // info changes: the members that changed, with a space after each
+  if (type == PAVO_MEDIA_SYNC_MSG_TIMELINE_AVAILABLE) t << info->available.timelineAvailable;
+  if (type == PAVO_MEDIA_SYNC_MSG_SPEED_CHANGE) t << info->speedChange.speed;
   if (type == PAVO_MEDIA_SYNC_MSG_INFO_CHANGE) {
     const auto& c = info->infoChange;
-    d.flag = c.bTimelineOptionsChange;
-    if (c.bTimelineOptionsChange) d.texts.push_back(text(c.timelineSelector));
-    if (c.bContentIdChange) {
-      d.texts.push_back(text(c.contentId));
-      d.number = c.contentIdStatus;
-    }
-    if (c.bMrsUrlChange) d.texts.push_back(text(c.mrsUrl));
+    if (c.bTimelineOptionsChange) t << text(c.timelineSelector) << ' ';
+    if (c.bContentIdChange) t << text(c.contentId) << ' ' << c.contentIdStatus << ' ';
+    if (c.bMrsUrlChange) t << text(c.mrsUrl) << ' ';
   }
-  g_sync.add(d);
+  g_sync.add({type, user_data, t.str()});
 }
 
 TEST_F(EndToEnd, DrmEventsReachTheCallbackWithEachAgentsContext) {
@@ -91,17 +82,14 @@ TEST_F(EndToEnd, DrmEventsReachTheCallbackWithEachAgentsContext) {
   char id[8];
   ASSERT_EQ(Pavo_DrmAgent_sendDRMMessage(agents[0], "application/vnd.test", "<m/>", "19188", id, sizeof id), 0);
   EXPECT_STREQ(id, "1");
-  Delivery known = nth(g_drm, PAVO_DRM_EVENT_MESSAGE_RESULT, 1);
-  ASSERT_EQ(known.event, PAVO_DRM_EVENT_MESSAGE_RESULT);
+  const Delivery known = nth(g_drm, PAVO_DRM_EVENT_MESSAGE_RESULT, 1);
   EXPECT_EQ(known.user_data, &contexts[0]);
-  EXPECT_EQ(known.texts[0], "1");
-  EXPECT_EQ(known.number, 0);
+  EXPECT_EQ(known.text, "1 0");
 
   ASSERT_EQ(Pavo_DrmAgent_sendDRMMessage(agents[1], "application/vnd.test", "<m/>", "4242", id, sizeof id), 0);
-  Delivery unknown = nth(g_drm, PAVO_DRM_EVENT_MESSAGE_RESULT, 2);
-  ASSERT_EQ(unknown.event, PAVO_DRM_EVENT_MESSAGE_RESULT);
+  const Delivery unknown = nth(g_drm, PAVO_DRM_EVENT_MESSAGE_RESULT, 2);
   EXPECT_EQ(unknown.user_data, &contexts[1]);
-  EXPECT_EQ(unknown.number, 5);  // unknown DRM system
+  EXPECT_EQ(unknown.text, "1 5");  // unknown DRM system
 
   int status = -1;
   EXPECT_EQ(Pavo_DrmAgent_DRMSystemStatus(agents[0], "urn:dvb:casystemid:19188", &status), 0);
@@ -113,10 +101,9 @@ TEST_F(EndToEnd, DrmEventsReachTheCallbackWithEachAgentsContext) {
   EXPECT_FALSE(record);
 
   ASSERT_EQ(Pavo_DrmAgent_clearLicense(agents[1]), 0);
-  Delivery cleared = nth(g_drm, PAVO_DRM_EVENT_SYSTEM_STATUS_CHANGE);
+  const Delivery cleared = nth(g_drm, PAVO_DRM_EVENT_SYSTEM_STATUS_CHANGE);
   EXPECT_EQ(cleared.user_data, &contexts[1]);
-  ASSERT_EQ(cleared.texts.size(), 1u);
-  EXPECT_EQ(cleared.texts[0], "19188");
+  EXPECT_EQ(cleared.text, "19188");
 
   for (void* agent : agents) {
     EXPECT_EQ(Pavo_DrmAgent_UnregisterCallback(agent), 0);
@@ -132,19 +119,17 @@ TEST_F(EndToEnd, MediaSyncAnnouncesContentTimelineAndSpeed) {
   ASSERT_EQ(Pavo_MediaPlayer_IPC_Create(&player), 0);
   int context = 0;
   ASSERT_EQ(Pavo_MediaPlayer_IPC_RegisterMediaSyncCallback(player, on_sync, &context), 0);
-  ASSERT_EQ(Pavo_MediaPlayer_IPC_Load(player, "http://media.test/vod.mp4"), 0);
+  ASSERT_EQ(Pavo_MediaPlayer_IPC_Load(player, kVod), 0);
   ASSERT_EQ(Pavo_MediaPlayer_IPC_SetTimelineSelector(player, "urn:dvb:css:timeline:pts"), 0);
   ASSERT_EQ(Pavo_MediaPlayer_IPC_StartMediaSync(player), 0);
 
-  Delivery info = nth(g_sync, PAVO_MEDIA_SYNC_MSG_INFO_CHANGE);
-  ASSERT_EQ(info.event, PAVO_MEDIA_SYNC_MSG_INFO_CHANGE);
+  const Delivery info = nth(g_sync, PAVO_MEDIA_SYNC_MSG_INFO_CHANGE);
   EXPECT_EQ(info.user_data, &context);
-  EXPECT_EQ(info.texts, (std::vector<std::string>{"dvb://233a.1004.1044;363a", "http://mrs.media.test/vod"}));
-  EXPECT_EQ(info.number, 1);
-  EXPECT_TRUE(nth(g_sync, PAVO_MEDIA_SYNC_MSG_TIMELINE_AVAILABLE).flag);
+  EXPECT_EQ(info.text, "dvb://233a.1004.1044;363a 1 http://mrs.media.test/vod ");
+  EXPECT_EQ(nth(g_sync, PAVO_MEDIA_SYNC_MSG_TIMELINE_AVAILABLE).text, "1");
 
   ASSERT_EQ(Pavo_MediaPlayer_IPC_SetPlayRate(player, 2000.0), 0);
-  EXPECT_EQ(nth(g_sync, PAVO_MEDIA_SYNC_MSG_SPEED_CHANGE).value, 2.0);
+  EXPECT_EQ(nth(g_sync, PAVO_MEDIA_SYNC_MSG_SPEED_CHANGE).text, "2");
 
   char content[64] = {};
   unsigned len = sizeof content;
@@ -157,7 +142,7 @@ TEST_F(EndToEnd, MediaSyncAnnouncesContentTimelineAndSpeed) {
   EXPECT_EQ(timeline.unitsPerSecond, 90000u);
 
   ASSERT_EQ(Pavo_MediaPlayer_IPC_StopMediaSync(player), 0);
-  EXPECT_FALSE(nth(g_sync, PAVO_MEDIA_SYNC_MSG_TIMELINE_AVAILABLE, 2).flag);
+  EXPECT_EQ(nth(g_sync, PAVO_MEDIA_SYNC_MSG_TIMELINE_AVAILABLE, 2).text, "0");
   EXPECT_EQ(Pavo_MediaPlayer_IPC_UnregisterMediaSyncCallback(player), 0);
   EXPECT_EQ(Pavo_MediaPlayer_IPC_Destory(player), 0);
 }
@@ -165,7 +150,7 @@ TEST_F(EndToEnd, MediaSyncAnnouncesContentTimelineAndSpeed) {
 // Switching to the broadcast: the service asks the library, which answers
 // with the plug-in library's result; broadband playback stops.
 TEST_F(EndToEnd, DisplaySourceRequestIsAnsweredThroughThePlugInLibrary) {
-  play_until_playing("http://media.test/vod.mp4");
+  play_until_playing(kVod);
   pavo::standin::hbbtv_reset();
   pavo::standin::hbbtv_set_display_source_result(7);
   const std::size_t mark = log_.posts().size();
@@ -186,7 +171,7 @@ TEST_F(EndToEnd, DisplaySourceRequestIsAnsweredThroughThePlugInLibrary) {
 }
 
 TEST_F(EndToEnd, PlatformSubtitleNoticeHidesAndShowsTheSelectedSubtitles) {
-  play_until_playing("http://media.test/vod.mp4");
+  play_until_playing(kVod);
   const std::size_t before = log_.posts().size();
   ASSERT_EQ(Pavo_AVCtrl_SelectComponent(av_, PAVO_AV_COMPONENT_TYPE_SUBTITLE, 0), 0);
   // The selection's own track change first, so that it is not taken for the notice's.
@@ -223,7 +208,7 @@ TEST_F(EndToEnd, MalformedRequestsAreAnsweredAndTheServiceGoesOn) {
     std::free(reply.data);
   }
   pavo_ipc_client_destroy(client);
-  play_until_playing("http://media.test/vod.mp4");
+  play_until_playing(kVod);
 }
 
 // A reply frame that an earlier run left behind would be taken for the
@@ -239,7 +224,7 @@ TEST_F(EndToEnd, StaleFramesFromAnEarlierRunAreRemovedAtStart) {
   ASSERT_EQ(ipc_snd_internal(replies, 1, 1024, &message, pavo::ipc::IPC_MSG_SYNC_REPLY), 0);
   ASSERT_TRUE(service_.start(kTimeScale, wait_limit()));
   ASSERT_EQ(Pavo_AVCtrl_Create(nullptr, &av_), 0);
-  ASSERT_EQ(Pavo_AVCtrl_Load(av_, "http://media.test/vod.mp4"), 0);
+  ASSERT_EQ(Pavo_AVCtrl_Load(av_, kVod), 0);
   double duration = 0;
   ASSERT_EQ(Pavo_AVCtrl_GetPlayTime(av_, &duration), 0);
   EXPECT_EQ(duration, 60000.0);

@@ -30,7 +30,7 @@ bool ServiceProcess::start(double time_scale, std::chrono::milliseconds limit,
                            const std::vector<std::string>& extra, int cpu) {
   stop();
   output_.clear();
-  std::vector<std::string> words = command_;
+  std::vector<std::string> words = service_command();
   char scale[32];
   std::snprintf(scale, sizeof scale, "%g", time_scale);
   words.insert(words.end(), {"--time-scale", scale});

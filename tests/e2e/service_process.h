@@ -27,7 +27,7 @@ class ServiceProcess {
   ServiceProcess(const ServiceProcess&) = delete;
   ServiceProcess& operator=(const ServiceProcess&) = delete;
 
-  // Starts `command` plus "--time-scale <scale>" and `extra` arguments,
+  // Starts service_command() plus "--time-scale <scale>" and `extra` arguments,
   // pinned to `cpu` when it is not negative, and waits at most `limit` for
   // the ready line. Returns true once the service serves; false (child
   // stopped and reaped) when it exited or stayed silent.
@@ -43,17 +43,16 @@ class ServiceProcess {
 
   // Faults for the reliability tests. kill_now() ends the service with
   // SIGKILL and reaps it (its queues stay, as after a crash); suspend() and
-  // resume() stop and continue it (a hung service). reap() waits at most
-  // `limit` for a service that ends by itself; its exit status, or -1.
+  // resume() stop and continue it (a hung service).
   void kill_now();
   void suspend();
   void resume();
-  int reap(std::chrono::milliseconds limit);
 
  private:
   bool read_until(const std::string& line, std::chrono::steady_clock::time_point deadline);
+  // Waits at most `limit` for the service to end; its exit status, or -1.
+  int reap(std::chrono::milliseconds limit);
 
-  std::vector<std::string> command_ = service_command();
   pid_t pid_ = -1;
   int out_fd_ = -1;
   std::string output_;
