@@ -128,12 +128,11 @@ wait-state finished
 // Steps that fail end the program with status 1 and say why; a script that
 // does not parse is refused (status 2) before anything is sent.
 TEST_F(AvctlSession, FailingStepsAndBadScriptsEndLoudly) {
-  struct Case {
+  const struct {
     const char* script;
     int status;
     const char* said;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"load http://media.test/error-decoder.mp4\nwait-state playing\n", 1,
        "the object went to the error state (error code 4, corrupt) while waiting for playing"},
       {"load http://media.test/vod.mp4\nplay\nwait-state finished 200\n", 1,
@@ -143,7 +142,7 @@ TEST_F(AvctlSession, FailingStepsAndBadScriptsEndLoudly) {
       {"load http://media.test/vod.mp4\nselect audio jpn\n", 1, "no audio component jpn"},
       {"load http://media.test/vod.mp4\nplay\nsleep x\n", 2, "line 3: 'x' is not a time in milliseconds"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.script);
     const Ran ran = run_avctl({"--media-log", "/dev/null"}, c.script);
     EXPECT_EQ(ran.status, c.status) << ran.output;

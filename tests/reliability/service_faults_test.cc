@@ -211,17 +211,15 @@ TEST_F(EndToEnd, LostPlayersAreToldOnceAndLoadMakesANewOne) {
 
   service_.kill_now();
   ASSERT_TRUE(service_.start(kTimeScale, wait_limit())) << service_.output();
-  // The page's position poll, the only call it makes meanwhile.
-  const auto poll = [&] { position_ms(); };
   ASSERT_TRUE(pavo::test::wait_until(
       [&] {
-        poll();
+        position_ms();  // the page's position poll, the only call it makes meanwhile
         return count_states(log_, PAVO_AVCTRL_PLAYSTATE_ERROR, before) > 0 &&
                count_states(other_log, PAVO_AVCTRL_PLAYSTATE_ERROR, other_before) > 0;
       },
       wait_limit()))
       << log_.dump();
-  for (int i = 0; i < 5; ++i) poll();
+  for (int i = 0; i < 5; ++i) position_ms();
   EXPECT_EQ(count_states(log_, PAVO_AVCTRL_PLAYSTATE_ERROR, before), 1) << log_.dump();
   EXPECT_EQ(count_states(other_log, PAVO_AVCTRL_PLAYSTATE_ERROR, other_before), 1) << other_log.dump();
   for (void* av : {av_, other}) {
