@@ -20,21 +20,37 @@ void remove_protocol_queues() {
 
 void record(PavoAVCtrlEvent event, const PavoAVCtrlEventInfo* info, const void* user_data) {
   auto* log = static_cast<PostLog*>(const_cast<void*>(user_data));
-  log->add({event, info->value.intValue, info->value.doubleValue, std::this_thread::get_id()});
+  log->add({event, info->value.intValue, info->value.doubleValue, std::this_thread::get_id(), user_data, {}});
+}
+
+void PostLog::add(Post post) {
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    posts_.push_back(std::move(post));
+  }
+  changed_.notify_all();
 }
 
 int PostLog::wait_for(int event, const std::function<bool(const Post&)>& match, std::size_t from) {
+  std::unique_lock<std::mutex> lock(mu_);
   int found = -1;
-  wait([&](const std::vector<Post>& posts) {
-    for (std::size_t i = from; i < posts.size(); ++i) {
-      if (posts[i].event == event && (!match || match(posts[i]))) {
-        found = static_cast<int>(i);
-        return true;
-      }
+  changed_.wait_for(lock, wait_limit(), [&] {
+    for (std::size_t i = from; i < posts_.size() && found < 0; ++i) {
+      if (posts_[i].event == event && (!match || match(posts_[i]))) found = static_cast<int>(i);
     }
-    return false;
+    return found >= 0;
   });
   return found;
+}
+
+Post PostLog::wait_post(int event, std::size_t from) {
+  const int i = wait_for(event, nullptr, from);
+  return i < 0 ? Post{-1, 0, 0, {}, nullptr, {}} : posts()[static_cast<std::size_t>(i)];
+}
+
+std::vector<Post> PostLog::posts() {
+  std::lock_guard<std::mutex> lock(mu_);
+  return posts_;
 }
 
 std::string PostLog::dump() {

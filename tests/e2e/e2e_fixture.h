@@ -29,49 +29,34 @@ std::chrono::milliseconds wait_limit();
 // Removes every queue of the protocol (the keys are fixed).
 void remove_protocol_queues();
 
-// One post to the plug-in's callback.
+// One post to the plug-in's callback (or, with its user data and its
+// values in text, to a DRM or media-sync callback).
 struct Post {
   int event;
   int int_value;
   double double_value;
   std::thread::id thread;
+  const void* user_data;
+  std::string text;
 };
 
-// Thread-safe record of what callbacks received, filled on the library's
-// threads.
-template <class T>
-class Record {
+// Thread-safe record of posts, filled on the library's threads.
+class PostLog {
  public:
-  void add(T item) {
-    {
-      std::lock_guard<std::mutex> lock(mu_);
-      items_.push_back(std::move(item));
-    }
-    changed_.notify_all();
-  }
-  // Waits until `done` holds for the items so far (checked under the lock;
-  // `done` must not call the library). False at the deadline.
-  bool wait(const std::function<bool(const std::vector<T>&)>& done) {
-    std::unique_lock<std::mutex> lock(mu_);
-    return changed_.wait_for(lock, wait_limit(), [&] { return done(items_); });
-  }
-  std::vector<T> posts() {
-    std::lock_guard<std::mutex> lock(mu_);
-    return items_;
-  }
+  void add(Post post);
+  // Waits for a post of `event` (whose value `match` accepts, when given) at
+  // or after position `from` in the record; returns its position, or -1 at
+  // the deadline.
+  int wait_for(int event, const std::function<bool(const Post&)>& match = nullptr, std::size_t from = 0);
+  // The post that wait_for(event, nullptr, from) finds; an event of -1 at the deadline.
+  Post wait_post(int event, std::size_t from = 0);
+  std::vector<Post> posts();
+  std::string dump();
 
  private:
   std::mutex mu_;
   std::condition_variable changed_;
-  std::vector<T> items_;
-};
-
-class PostLog : public Record<Post> {
- public:
-  // Waits for a post of `event` (whose value `match` accepts, when given) at
-  // or after position `from` in the record; returns its position, or -1.
-  int wait_for(int event, const std::function<bool(const Post&)>& match = nullptr, std::size_t from = 0);
-  std::string dump();
+  std::vector<Post> posts_;
 };
 
 // The plug-in callback that records into the PostLog given as user data.

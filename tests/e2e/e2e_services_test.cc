@@ -19,32 +19,7 @@
 namespace pavo::e2e {
 namespace {
 
-// What reached a DRM or media-sync callback: its user data and the values
-// of its event, in text.
-struct Delivery {
-  int event;
-  const void* user_data;
-  std::string text;
-};
-
-// Waits for the `count`-th delivery of `event` (1-based) to `record`; a copy
-// of it, or an event of -1 at the deadline.
-Delivery nth(Record<Delivery>& record, int event, int count = 1) {
-  Delivery found{-1, nullptr, ""};
-  record.wait([&](const std::vector<Delivery>& all) {
-    int seen = 0;
-    for (const Delivery& d : all) {
-      if (d.event == event && ++seen == count) {
-        found = d;
-        return true;
-      }
-    }
-    return false;
-  });
-  return found;
-}
-
-Record<Delivery> g_drm, g_sync;
+PostLog g_drm, g_sync;  // deliveries to the DRM and media-sync callbacks
 
 const char* text(const char* s) { return s == nullptr ? "(null)" : s; }
 
@@ -54,7 +29,7 @@ void on_drm(PavoDrmEvent event, const PavoDrmEventInfo* info, const void* user_d
     t << text(info->messageResult.msgId) << ' ' << info->messageResult.resultCode;  // the id and the code
   }
   if (event == PAVO_DRM_EVENT_SYSTEM_STATUS_CHANGE) t << text(info->statusChange.sysId);
-  g_drm.add({event, user_data, t.str()});
+  g_drm.add({event, 0, 0, std::this_thread::get_id(), user_data, t.str()});
 }
 
 void on_sync(PavoMediaSyncMsgType type, const PavoMSEventInfo* info, const void* user_data) {
@@ -67,7 +42,7 @@ void on_sync(PavoMediaSyncMsgType type, const PavoMSEventInfo* info, const void*
     if (c.bContentIdChange) t << text(c.contentId) << ' ' << c.contentIdStatus << ' ';
     if (c.bMrsUrlChange) t << text(c.mrsUrl) << ' ';
   }
-  g_sync.add({type, user_data, t.str()});
+  g_sync.add({type, 0, 0, std::this_thread::get_id(), user_data, t.str()});
 }
 
 TEST_F(EndToEnd, DrmEventsReachTheCallbackWithEachAgentsContext) {
@@ -80,12 +55,12 @@ TEST_F(EndToEnd, DrmEventsReachTheCallbackWithEachAgentsContext) {
   char id[8];
   ASSERT_EQ(Pavo_DrmAgent_sendDRMMessage(agents[0], "application/vnd.test", "<m/>", "19188", id, sizeof id), 0);
   EXPECT_STREQ(id, "1");
-  const Delivery known = nth(g_drm, PAVO_DRM_EVENT_MESSAGE_RESULT, 1);
+  const Post known = g_drm.wait_post(PAVO_DRM_EVENT_MESSAGE_RESULT);
   EXPECT_EQ(known.user_data, &contexts[0]);
   EXPECT_EQ(known.text, "1 0");
 
   ASSERT_EQ(Pavo_DrmAgent_sendDRMMessage(agents[1], "application/vnd.test", "<m/>", "4242", id, sizeof id), 0);
-  const Delivery unknown = nth(g_drm, PAVO_DRM_EVENT_MESSAGE_RESULT, 2);
+  const Post unknown = g_drm.wait_post(PAVO_DRM_EVENT_MESSAGE_RESULT, 1);
   EXPECT_EQ(unknown.user_data, &contexts[1]);
   EXPECT_EQ(unknown.text, "1 5");  // unknown DRM system
 
@@ -99,7 +74,7 @@ TEST_F(EndToEnd, DrmEventsReachTheCallbackWithEachAgentsContext) {
   EXPECT_FALSE(record);
 
   ASSERT_EQ(Pavo_DrmAgent_clearLicense(agents[1]), 0);
-  const Delivery cleared = nth(g_drm, PAVO_DRM_EVENT_SYSTEM_STATUS_CHANGE);
+  const Post cleared = g_drm.wait_post(PAVO_DRM_EVENT_SYSTEM_STATUS_CHANGE);
   EXPECT_EQ(cleared.user_data, &contexts[1]);
   EXPECT_EQ(cleared.text, "19188");
 
@@ -121,13 +96,13 @@ TEST_F(EndToEnd, MediaSyncAnnouncesContentTimelineAndSpeed) {
   ASSERT_EQ(Pavo_MediaPlayer_IPC_SetTimelineSelector(player, "urn:dvb:css:timeline:pts"), 0);
   ASSERT_EQ(Pavo_MediaPlayer_IPC_StartMediaSync(player), 0);
 
-  const Delivery info = nth(g_sync, PAVO_MEDIA_SYNC_MSG_INFO_CHANGE);
+  const Post info = g_sync.wait_post(PAVO_MEDIA_SYNC_MSG_INFO_CHANGE);
   EXPECT_EQ(info.user_data, &context);
   EXPECT_EQ(info.text, "dvb://233a.1004.1044;363a 1 http://mrs.media.test/vod ");
-  EXPECT_EQ(nth(g_sync, PAVO_MEDIA_SYNC_MSG_TIMELINE_AVAILABLE).text, "1");
+  EXPECT_EQ(g_sync.wait_post(PAVO_MEDIA_SYNC_MSG_TIMELINE_AVAILABLE).text, "1");
 
   ASSERT_EQ(Pavo_MediaPlayer_IPC_SetPlayRate(player, 2000.0), 0);
-  EXPECT_EQ(nth(g_sync, PAVO_MEDIA_SYNC_MSG_SPEED_CHANGE).text, "2");
+  EXPECT_EQ(g_sync.wait_post(PAVO_MEDIA_SYNC_MSG_SPEED_CHANGE).text, "2");
 
   char content[64] = {};
   unsigned len = sizeof content;
@@ -140,7 +115,7 @@ TEST_F(EndToEnd, MediaSyncAnnouncesContentTimelineAndSpeed) {
   EXPECT_EQ(timeline.unitsPerSecond, 90000u);
 
   ASSERT_EQ(Pavo_MediaPlayer_IPC_StopMediaSync(player), 0);
-  EXPECT_EQ(nth(g_sync, PAVO_MEDIA_SYNC_MSG_TIMELINE_AVAILABLE, 2).text, "0");
+  EXPECT_EQ(g_sync.wait_post(PAVO_MEDIA_SYNC_MSG_TIMELINE_AVAILABLE, 2).text, "0");  // after the speed
   EXPECT_EQ(Pavo_MediaPlayer_IPC_UnregisterMediaSyncCallback(player), 0);
   EXPECT_EQ(Pavo_MediaPlayer_IPC_Destory(player), 0);
 }
