@@ -74,37 +74,11 @@ struct Case {
   Millis first_limit;   // for the first calls (made on kThreads threads at once)
 };
 
-class ServiceFaults : public ::testing::Test {
- protected:
-  void SetUp() override {
-    remove_protocol_queues();
-    ASSERT_EQ(Pavo_AVCtrl_Initialize(), 0);
-  }
-  void TearDown() override {
-    for (void* av : objects_) Pavo_AVCtrl_Destroy(av);
-    Pavo_AVCtrl_Finalize();
-    service_.resume();
-    service_.stop();
-    remove_protocol_queues();
-  }
-
-  // A new object; its player exists only if the running service answered.
-  void* new_object() {
-    void* av = nullptr;
-    if (Pavo_AVCtrl_Create(nullptr, &av) != 0) return nullptr;
-    objects_.push_back(av);
-    return av;
-  }
-
-  ServiceProcess service_;
-  std::vector<void*> objects_;
-};
-
 // Each fault, with the call that meets it made on several threads at once:
 // every call returns -1 within its limit (the bound, or sooner when the
 // service is seen dead); the calls after it fail fast; a restarted service
 // is used again.
-TEST_F(ServiceFaults, NoCallOutlastsTheBoundAndLaterCallsFailFast) {
+TEST_F(EndToEnd, NoCallOutlastsTheBoundAndLaterCallsFailFast) {
   const std::string play = "3";
   const Case cases[] = {
       {"never answers", {"--no-reply", play}, Fault::kNone, kBound + kSlack},
@@ -115,6 +89,12 @@ TEST_F(ServiceFaults, NoCallOutlastsTheBoundAndLaterCallsFailFast) {
       {"dies in the middle of a request", {"--exit-on-request", play}, Fault::kNone, kDeadNoticed},
       {"dies while a 16-chunk request is half read", {}, Fault::kHalfRead, kDeadNoticed},
   };
+  std::vector<void*> objects;  // destroyed at the end
+  const auto new_object = [&objects] {  // its player exists only if the running service answered
+    void* av = nullptr;
+    if (Pavo_AVCtrl_Create(nullptr, &av) == 0) objects.push_back(av);
+    return av;
+  };
   pavo::test::ReplyTimeoutOverride bound(kBound);
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -123,22 +103,12 @@ TEST_F(ServiceFaults, NoCallOutlastsTheBoundAndLaterCallsFailFast) {
     ASSERT_NE(av, nullptr);
     pid_t peer = -1;
     std::function<int()> call = [av] { return Pavo_AVCtrl_Play(av, 1.0); };
-    switch (c.fault) {
-      case Fault::kNone:
-        break;
-      case Fault::kKill:
-        service_.kill_now();
-        break;
-      case Fault::kSuspend:
-        service_.suspend();
-        break;
-      case Fault::kHalfRead: {
-        service_.kill_now();
-        peer = half_reader(8);
-        const std::string url = "http://media.test/" + std::string(16000, 'x') + "/vod.mp4";
-        call = [av, url] { return Pavo_AVCtrl_Load(av, url.c_str()); };
-        break;
-      }
+    if (c.fault == Fault::kKill || c.fault == Fault::kHalfRead) service_.kill_now();
+    if (c.fault == Fault::kSuspend) service_.suspend();
+    if (c.fault == Fault::kHalfRead) {  // a peer reads half of a request of 16 frames
+      peer = half_reader(8);
+      const std::string url = "http://media.test/" + std::string(16000, 'x') + "/vod.mp4";
+      call = [av, url] { return Pavo_AVCtrl_Load(av, url.c_str()); };
     }
 
     const auto timed_call = [&call] {
@@ -161,8 +131,7 @@ TEST_F(ServiceFaults, NoCallOutlastsTheBoundAndLaterCallsFailFast) {
 
     if (peer > 0) waitpid(peer, nullptr, 0);
     service_.resume();
-    service_.stop();
-    ASSERT_TRUE(service_.start(kTimeScale, wait_limit())) << service_.output();
+    ASSERT_TRUE(service_.start(kTimeScale, wait_limit())) << service_.output();  // the old one stopped first
     // A new object loads an item (polled: a hung service answers its backlog first).
     EXPECT_TRUE(pavo::test::wait_until(
         [&] {
@@ -171,8 +140,8 @@ TEST_F(ServiceFaults, NoCallOutlastsTheBoundAndLaterCallsFailFast) {
         },
         wait_limit()))
         << "the restarted service was not used again";
-    service_.stop();
   }
+  for (void* av : objects) Pavo_AVCtrl_Destroy(av);
 }
 
 // The signal for "dead": a living process (this one, or one of another
