@@ -230,9 +230,9 @@ TEST_F(EndToEnd, ObjectMadeWhileTheServiceIsDownLoadsLater) {
 }
 
 // A hung service that continues still has its players: the call that timed
-// out is refused, later calls fail fast while it is silent, the late reply
-// to the timed-out request ends the fast failing, no object is told an
-// error, and the old player answers.
+// out is refused, the late reply to it ends the fast failing (which the
+// fault table checks), no object is told an error, and the old player
+// answers.
 TEST_F(EndToEnd, HungServiceThatContinuesKeepsItsPlayers) {
   pavo::test::ReplyTimeoutOverride bound(std::chrono::milliseconds(500));
   play_until_playing(kVod);
@@ -240,9 +240,6 @@ TEST_F(EndToEnd, HungServiceThatContinuesKeepsItsPlayers) {
   service_.suspend();
   double duration = 0;
   EXPECT_EQ(Pavo_AVCtrl_GetPlayTime(av_, &duration), -1);
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(Pavo_AVCtrl_GetPlayTime(av_, &duration), -1);
-  EXPECT_LE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100)) << "no fast failure";
   service_.resume();
   ASSERT_TRUE(pavo::test::wait_until([&] { return Pavo_AVCtrl_GetPlayTime(av_, &duration) == 0; },
                                      wait_limit()));
