@@ -1,126 +1,65 @@
 // pavo-avctl against pavo-media-service, both real child processes: scripts
 // and play commands whose timelines and exit statuses are checked. The queues have fixed keys:
 // the test runs in its own IPC namespace (ISOLATED) and removes them.
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <string>
 #include <vector>
 
-#include "service_process.h"
-#include "support/test_queues.h"
+#include "e2e_fixture.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 struct Ran {
-  int status = -1;  // exit status; -1 when it did not end by itself
+  int status = -1;  // exit status (137: killed at the time limit); -1 when it did not run
   std::string output;
 };
 
-// Starts `args` (under the cross build's emulator, as the service is) with
-// standard output and error on a pipe; returns its pid and the pipe's read
-// end.
-pid_t spawn(std::vector<std::string> args, int* out) {
-  const std::vector<std::string> service = pavo::e2e::service_command();
-  args.insert(args.begin(), service.begin(), service.end() - 1);
-  int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) return -1;
-  const pid_t pid = fork();
-  if (pid == 0) {
-    dup2(fds[1], STDOUT_FILENO);
-    dup2(fds[1], STDERR_FILENO);
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    execvp(argv[0], argv.data());
-    _exit(127);
-  }
-  close(fds[1]);
-  *out = fds[0];
-  return pid;
-}
-
-// Reads `fd` until end of file or `limit`.
-std::string read_all(int fd, std::chrono::milliseconds limit) {
-  std::string text;
-  const auto deadline = Clock::now() + limit;
-  for (;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-    pollfd p{fd, POLLIN, 0};
-    if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
-    char buffer[4096];
-    const ssize_t n = read(fd, buffer, sizeof buffer);
-    if (n <= 0) break;
-    text.append(buffer, static_cast<size_t>(n));
-  }
-  return text;
-}
-
-// Waits for the child's end; SIGKILL after `limit`.
-int reap(pid_t pid, std::chrono::milliseconds limit) {
-  int status = 0;
-  const auto deadline = Clock::now() + limit;
-  while (waitpid(pid, &status, WNOHANG) == 0) {
-    if (Clock::now() >= deadline) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      return -1;
-    }
-    usleep(10000);
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-Ran run_avctl(std::vector<std::string> args, const std::string& script = "") {
-  const std::string file = testing::TempDir() + "avctl_e2e.session";
+// Runs pavo-avctl with `args` (under the cross build's emulator, as the
+// service is; killed after a minute), a session of `script` when given;
+// standard output and error together.
+Ran run_avctl(const std::vector<std::string>& args, const std::string& script = "") {
+  std::vector<std::string> words = pavo::e2e::service_command();
+  words.back() = PAVO_AVCTL_PATH;
+  words.insert(words.begin(), {"timeout", "-s", "KILL", "60"});
+  words.insert(words.end(), {"--timeout", "5000"});
+  words.insert(words.end(), args.begin(), args.end());
   if (!script.empty()) {
+    const std::string file = testing::TempDir() + "avctl_e2e.session";
     std::ofstream(file) << script;
-    args.insert(args.end(), {"session", file});
+    words.insert(words.end(), {"session", file});
   }
-  args.insert(args.begin(), {PAVO_AVCTL_PATH, "--timeout", "5000"});
-  int out = -1;
-  const pid_t pid = spawn(args, &out);
+  std::string command;
+  for (const std::string& word : words) command += "'" + word + "' ";
+  FILE* out = popen((command + "2>&1").c_str(), "r");
   Ran ran;
-  ran.output = read_all(out, std::chrono::seconds(60));
-  close(out);
-  ran.status = reap(pid, std::chrono::seconds(5));
+  if (out == nullptr) return ran;
+  char buffer[4096];
+  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, out)) > 0;) ran.output.append(buffer, n);
+  const int status = pclose(out);
+  ran.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return ran;
 }
 
-// True when `lines` occur in `text` in this order.
-bool in_order(const std::string& text, const std::vector<std::string>& lines, std::string* missing) {
-  size_t at = 0;
+// The first of `lines` that does not follow the ones before it in `text`;
+// empty when all occur in this order.
+std::string missing_from(const std::string& text, const std::vector<std::string>& lines) {
+  std::size_t at = 0;
   for (const std::string& line : lines) {
     at = text.find(line, at);
-    if (at == std::string::npos) {
-      *missing = line;
-      return false;
-    }
+    if (at == std::string::npos) return line;
     at += line.size();
   }
-  return true;
-}
-
-void remove_system_queues() {
-  for (key_t key : {0x95000070, 0x95000080, 0x95000090, 0x95000100}) {
-    pavo::test::remove_queue(key);
-    pavo::test::remove_queue(key + 1);
-  }
+  return "";
 }
 
 // Runs first, before any service has made the queues.
 TEST(AvctlWithoutService, SaysSoAndExits3) {
-  remove_system_queues();
+  pavo::e2e::remove_protocol_queues();
   const Ran ran = run_avctl({"play", "http://media.test/vod.mp4"});
   EXPECT_EQ(ran.status, 3) << ran.output;
   EXPECT_NE(ran.output.find("no media-player service answers"), std::string::npos) << ran.output;
@@ -129,12 +68,12 @@ TEST(AvctlWithoutService, SaysSoAndExits3) {
 class AvctlSession : public testing::Test {
  protected:
   void SetUp() override {
-    remove_system_queues();
-    ASSERT_TRUE(service_.start(20, std::chrono::seconds(10))) << service_.output();
+    pavo::e2e::remove_protocol_queues();
+    ASSERT_TRUE(service_.start(pavo::e2e::kTimeScale, pavo::e2e::wait_limit())) << service_.output();
   }
   void TearDown() override {
     EXPECT_EQ(service_.stop(), 0) << service_.output();
-    remove_system_queues();
+    pavo::e2e::remove_protocol_queues();
   }
 
   pavo::e2e::ServiceProcess service_;
@@ -171,8 +110,7 @@ play
 wait-state finished
 )");
   EXPECT_EQ(ran.status, 0) << ran.output;
-  std::string missing;
-  EXPECT_TRUE(in_order(ran.output,
+  EXPECT_EQ(missing_from(ran.output,
                        {"step   load http://media.test/vod.mp4", "event  play state -> connecting",
                         "event  play state -> playing", "event  speed -> 2",
                         "event  position -> 30000 ms (00:30.0)", "event  play state -> paused",
@@ -182,21 +120,19 @@ wait-state finished
                         "event  DRM message result: id \"1\", code 0",
                         "event  play state -> stopped", "event  play state -> error",
                         "ok     error code 1 (connection)", "event  play state -> finished",
-                        "end    every step succeeded"},
-                       &missing))
-      << "missing \"" << missing << "\" in\n"
+                        "end    every step succeeded"}),
+            "")
       << ran.output;
 }
 
 // Steps that fail end the program with status 1 and say why; a script that
 // does not parse is refused (status 2) before anything is sent.
 TEST_F(AvctlSession, FailingStepsAndBadScriptsEndLoudly) {
-  struct Case {
+  const struct {
     const char* script;
     int status;
     const char* said;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"load http://media.test/error-decoder.mp4\nwait-state playing\n", 1,
        "the object went to the error state (error code 4, corrupt) while waiting for playing"},
       {"load http://media.test/vod.mp4\nplay\nwait-state finished 200\n", 1,
@@ -206,7 +142,7 @@ TEST_F(AvctlSession, FailingStepsAndBadScriptsEndLoudly) {
       {"load http://media.test/vod.mp4\nselect audio jpn\n", 1, "no audio component jpn"},
       {"load http://media.test/vod.mp4\nplay\nsleep x\n", 2, "line 3: 'x' is not a time in milliseconds"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.script);
     const Ran ran = run_avctl({"--media-log", "/dev/null"}, c.script);
     EXPECT_EQ(ran.status, c.status) << ran.output;
@@ -221,12 +157,10 @@ TEST_F(AvctlSession, PlayCommandPlaysToTheEndWithItsOptions) {
   const Ran ran = run_avctl({"--media-log", "/dev/null", "play", "http://media.test/vod.mp4", "--audio", "de",
                              "--seek", "57000", "--speed", "2"});
   EXPECT_EQ(ran.status, 0) << ran.output;
-  std::string missing;
-  EXPECT_TRUE(in_order(ran.output,
+  EXPECT_EQ(missing_from(ran.output,
                        {"event  play state -> playing", "select audio #1", "event  component change: audio",
-                        "event  position -> 57000 ms", "event  speed -> 2", "event  play state -> finished"},
-                       &missing))
-      << "missing \"" << missing << "\" in\n"
+                        "event  position -> 57000 ms", "event  speed -> 2", "event  play state -> finished"}),
+            "")
       << ran.output;
 }
 

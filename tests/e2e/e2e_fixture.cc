@@ -1,66 +1,51 @@
 #include "e2e_fixture.h"
 
 #include <cmath>
-#include <cstdio>
-#include <sstream>
 
 #include "support/emulation.h"
 #include "support/test_queues.h"
 
 namespace pavo::e2e {
-namespace {
-
-// Every queue of the protocol, removed before and after each test.
-const key_t kKeys[] = {static_cast<key_t>(0x95000100), static_cast<key_t>(0x95000101),
-                       static_cast<key_t>(0x95000080), static_cast<key_t>(0x95000070),
-                       static_cast<key_t>(0x95000090), static_cast<key_t>(0x95000091)};
-
-void remove_protocol_queues() {
-  for (key_t key : kKeys) pavo::test::remove_queue(key);
-}
-
-void record(PavoAVCtrlEvent event, const PavoAVCtrlEventInfo* info, const void* user_data) {
-  auto* log = static_cast<PostLog*>(const_cast<void*>(user_data));
-  log->add({event, info->value.intValue, info->value.doubleValue, std::this_thread::get_id()});
-}
-
-}  // namespace
 
 std::chrono::milliseconds wait_limit() {
   return pavo::test::under_emulator() ? std::chrono::seconds(60) : std::chrono::seconds(15);
 }
 
-std::string describe(const Post& post) {
-  std::ostringstream text;
-  text << "event " << post.event << " (int " << post.int_value << ", double " << post.double_value << ")";
-  return text.str();
+void remove_protocol_queues() {
+  for (key_t key : {0x95000070, 0x95000080, 0x95000090, 0x95000100}) {
+    pavo::test::remove_queue(key);
+    pavo::test::remove_queue(key + 1);
+  }
 }
 
-void PostLog::add(const Post& post) {
+void record(PavoAVCtrlEvent event, const PavoAVCtrlEventInfo* info, const void* user_data) {
+  auto* log = static_cast<PostLog*>(const_cast<void*>(user_data));
+  log->add({event, info->value.intValue, info->value.doubleValue, std::this_thread::get_id(), user_data, {}});
+}
+
+void PostLog::add(Post post) {
   {
     std::lock_guard<std::mutex> lock(mu_);
-    posts_.push_back(post);
+    posts_.push_back(std::move(post));
   }
   changed_.notify_all();
 }
 
-bool PostLog::wait(const std::function<bool(const std::vector<Post>&)>& done) {
-  std::unique_lock<std::mutex> lock(mu_);
-  return changed_.wait_for(lock, wait_limit(), [&] { return done(posts_); });
-}
-
 int PostLog::wait_for(int event, const std::function<bool(const Post&)>& match, std::size_t from) {
+  std::unique_lock<std::mutex> lock(mu_);
   int found = -1;
-  wait([&](const std::vector<Post>& posts) {
-    for (std::size_t i = from; i < posts.size(); ++i) {
-      if (posts[i].event == event && match(posts[i])) {
-        found = static_cast<int>(i);
-        return true;
-      }
+  changed_.wait_for(lock, wait_limit(), [&] {
+    for (std::size_t i = from; i < posts_.size() && found < 0; ++i) {
+      if (posts_[i].event == event && (!match || match(posts_[i]))) found = static_cast<int>(i);
     }
-    return false;
+    return found >= 0;
   });
   return found;
+}
+
+Post PostLog::wait_post(int event, std::size_t from) {
+  const int i = wait_for(event, nullptr, from);
+  return i < 0 ? Post{-1, 0, 0, {}, nullptr, {}} : posts()[static_cast<std::size_t>(i)];
 }
 
 std::vector<Post> PostLog::posts() {
@@ -70,7 +55,10 @@ std::vector<Post> PostLog::posts() {
 
 std::string PostLog::dump() {
   std::string text;
-  for (const Post& p : posts()) text += "  " + describe(p) + "\n";
+  for (const Post& p : posts()) {
+    text += "  event " + std::to_string(p.event) + " (int " + std::to_string(p.int_value) + ", double " +
+            std::to_string(p.double_value) + ")\n";
+  }
   return text;
 }
 
@@ -79,9 +67,6 @@ std::function<bool(const Post&)> int_is(int value) {
 }
 std::function<bool(const Post&)> double_near(double value, double tolerance) {
   return [value, tolerance](const Post& p) { return std::fabs(p.double_value - value) <= tolerance; };
-}
-std::function<bool(const Post&)> any_value() {
-  return [](const Post&) { return true; };
 }
 
 void EndToEnd::SetUp() {
@@ -107,6 +92,12 @@ void EndToEnd::play_until_playing(const char* url) {
   ASSERT_EQ(Pavo_AVCtrl_Load(av_, url), 0);
   ASSERT_EQ(Pavo_AVCtrl_Play(av_, 1.0), 0);
   ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_PLAYING), 0) << log_.dump();
+}
+
+double EndToEnd::position_ms() {
+  double ms = -1;
+  EXPECT_EQ(Pavo_AVCtrl_GetPosition(av_, &ms), 0);
+  return ms;
 }
 
 }  // namespace pavo::e2e

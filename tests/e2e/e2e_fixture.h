@@ -21,29 +21,35 @@
 namespace pavo::e2e {
 
 constexpr double kTimeScale = 20.0;
+constexpr const char* kVod = "http://media.test/vod.mp4";  // 60 s, two audio and two subtitle tracks
 
 // Generous limits: the sanitizer legs and qemu run everything much slower.
 std::chrono::milliseconds wait_limit();
 
-// One post to the plug-in's callback.
+// Removes every queue of the protocol (the keys are fixed).
+void remove_protocol_queues();
+
+// One post to the plug-in's callback (or, with its user data and its
+// values in text, to a DRM or media-sync callback).
 struct Post {
   int event;
   int int_value;
   double double_value;
   std::thread::id thread;
+  const void* user_data;
+  std::string text;
 };
-std::string describe(const Post& post);
 
 // Thread-safe record of posts, filled on the library's threads.
 class PostLog {
  public:
-  void add(const Post& post);
-  // Waits until `done` holds for the posts so far (checked under the lock;
-  // `done` must not call the library). False at the deadline.
-  bool wait(const std::function<bool(const std::vector<Post>&)>& done);
-  // Waits for a post of `event` (whose value `match` accepts) at or after
-  // position `from` in the record; returns its position, or -1.
-  int wait_for(int event, const std::function<bool(const Post&)>& match, std::size_t from = 0);
+  void add(Post post);
+  // Waits for a post of `event` (whose value `match` accepts, when given) at
+  // or after position `from` in the record; returns its position, or -1 at
+  // the deadline.
+  int wait_for(int event, const std::function<bool(const Post&)>& match = nullptr, std::size_t from = 0);
+  // The post that wait_for(event, nullptr, from) finds; an event of -1 at the deadline.
+  Post wait_post(int event, std::size_t from = 0);
   std::vector<Post> posts();
   std::string dump();
 
@@ -53,10 +59,12 @@ class PostLog {
   std::vector<Post> posts_;
 };
 
+// The plug-in callback that records into the PostLog given as user data.
+void record(PavoAVCtrlEvent event, const PavoAVCtrlEventInfo* info, const void* user_data);
+
 // Matchers for wait_for.
 std::function<bool(const Post&)> int_is(int value);
 std::function<bool(const Post&)> double_near(double value, double tolerance = 1e-6);
-std::function<bool(const Post&)> any_value();
 
 class EndToEnd : public ::testing::Test {
  protected:
@@ -69,6 +77,8 @@ class EndToEnd : public ::testing::Test {
   int wait_state(int state, std::size_t from = 0) {
     return log_.wait_for(PAVO_AVCTRL_EVENT_PLAYSTATECHANGE, int_is(state), from);
   }
+  // The object's position in milliseconds (a failed call fails the test).
+  double position_ms();
 
   ServiceProcess service_;
   double time_scale_ = kTimeScale;         // what SetUp starts the service with

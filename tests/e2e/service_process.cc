@@ -9,12 +9,14 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 
 namespace pavo::e2e {
 
 std::vector<std::string> service_command() {
+  if (const char* other = std::getenv("PAVO_TEST_MEDIA_SERVICE")) return {other};
   // PAVO_MEDIA_SERVICE_COMMAND: a '|'-separated list of words set by the build.
   std::vector<std::string> words;
   std::stringstream list(PAVO_MEDIA_SERVICE_COMMAND);
@@ -28,7 +30,7 @@ bool ServiceProcess::start(double time_scale, std::chrono::milliseconds limit,
                            const std::vector<std::string>& extra, int cpu) {
   stop();
   output_.clear();
-  std::vector<std::string> words = command_;
+  std::vector<std::string> words = service_command();
   char scale[32];
   std::snprintf(scale, sizeof scale, "%g", time_scale);
   words.insert(words.end(), {"--time-scale", scale});
@@ -87,28 +89,10 @@ int ServiceProcess::stop(std::chrono::milliseconds limit) {
   kill(pid_, SIGTERM);
   // The stopped line comes last; the pipe's end follows the exit.
   read_until("pavo-media-service: stopped\n", std::chrono::steady_clock::now() + limit);
-  int status = 0;
-  pid_t done = 0;
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while ((done = waitpid(pid_, &status, WNOHANG)) == 0 && std::chrono::steady_clock::now() < deadline) {
-    usleep(1000);
-  }
-  int result = -1;
-  if (done == pid_) {
-    result = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  } else {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, &status, 0);
-  }
-  pid_ = -1;
-  close(out_fd_);
-  out_fd_ = -1;
+  const int result = reap(limit);
+  kill_now();  // still running: it had to be killed
   return result;
 }
-
-}  // namespace pavo::e2e
-
-namespace pavo::e2e {
 
 void ServiceProcess::kill_now() {
   if (pid_ <= 0) return;

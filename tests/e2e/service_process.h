@@ -13,8 +13,10 @@
 
 namespace pavo::e2e {
 
-// The command that runs the service: the build's emulator words (cross
-// builds), then the program, as the build configured them.
+// The command that runs the service: the program that the environment
+// variable PAVO_TEST_MEDIA_SERVICE names (another build's service, for the
+// mixed-architecture run), else the build's emulator words (cross builds),
+// then the program, as the build configured them.
 std::vector<std::string> service_command();
 
 // Not thread-safe; one owner.
@@ -25,10 +27,7 @@ class ServiceProcess {
   ServiceProcess(const ServiceProcess&) = delete;
   ServiceProcess& operator=(const ServiceProcess&) = delete;
 
-  // Runs `command` in place of service_command() from the next start on.
-  void use_command(std::vector<std::string> command) { command_ = std::move(command); }
-
-  // Starts `command` plus "--time-scale <scale>" and `extra` arguments,
+  // Starts service_command() plus "--time-scale <scale>" and `extra` arguments,
   // pinned to `cpu` when it is not negative, and waits at most `limit` for
   // the ready line. Returns true once the service serves; false (child
   // stopped and reaped) when it exited or stayed silent.
@@ -41,22 +40,19 @@ class ServiceProcess {
   // Everything the service printed on standard output up to now (read
   // while starting and stopping).
   const std::string& output() const { return output_; }
-  bool running() const { return pid_ > 0; }
-  pid_t pid() const { return pid_; }
 
   // Faults for the reliability tests. kill_now() ends the service with
   // SIGKILL and reaps it (its queues stay, as after a crash); suspend() and
-  // resume() stop and continue it (a hung service). reap() waits at most
-  // `limit` for a service that ends by itself; its exit status, or -1.
+  // resume() stop and continue it (a hung service).
   void kill_now();
   void suspend();
   void resume();
-  int reap(std::chrono::milliseconds limit);
 
  private:
   bool read_until(const std::string& line, std::chrono::steady_clock::time_point deadline);
+  // Waits at most `limit` for the service to end; its exit status, or -1.
+  int reap(std::chrono::milliseconds limit);
 
-  std::vector<std::string> command_ = service_command();
   pid_t pid_ = -1;
   int out_fd_ = -1;
   std::string output_;

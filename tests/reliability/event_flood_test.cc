@@ -14,14 +14,12 @@
 
 #include "pavo_ipc.h"
 #include "pavo_mediaplayer_ipc.h"
+#include "e2e_fixture.h"
 #include "support/test_queues.h"
 
 namespace {
 
-constexpr key_t kEventKey = static_cast<key_t>(0x95000070);
-const key_t kProtocolKeys[] = {static_cast<key_t>(0x95000100), static_cast<key_t>(0x95000101),
-                               static_cast<key_t>(0x95000080), kEventKey,
-                               static_cast<key_t>(0x95000090), static_cast<key_t>(0x95000091)};
+constexpr key_t kEventKey = static_cast<key_t>(PAVO_MEDIAPLAYER_EVENT_KEY);
 constexpr uint32_t kChunkSize = 1024;
 constexpr unsigned kPlayer = 7;
 
@@ -43,20 +41,16 @@ struct Sink {
   }
 };
 
-std::string speed_event(int data1) {
-  return "{\"event_type\":0,\"event\":6,\"sub_event\":0,\"player_id\":" + std::to_string(kPlayer) +
-         ",\"data1\":" + std::to_string(data1) + ",\"data2\":0.0}";
-}
-
 TEST(EventFlood, NothingIsLostWhileTheQueueHoldsNoMoreThanItsCapacity) {
-  for (key_t key : kProtocolKeys) pavo::test::remove_queue(key);
+  pavo::e2e::remove_protocol_queues();
   ASSERT_EQ(Pavo_MediaPlayer_IPC_Initialize(0), 0);
   Sink sink;
   ASSERT_EQ(Pavo_MediaPlayer_IPC_RegisterCallback(kPlayer, Sink::on_event, &sink), 0);
   pavo_ipc_client* sender = nullptr;
   ASSERT_EQ(pavo_ipc_client_create(kEventKey, 1, 0, kChunkSize, &sender), 0);
-  const auto send = [&](int data1) {
-    std::string text = speed_event(data1);
+  const auto send = [&](int data1) {  // a speed event for kPlayer
+    std::string text = "{\"event_type\":0,\"event\":6,\"sub_event\":0,\"player_id\":" + std::to_string(kPlayer) +
+                       ",\"data1\":" + std::to_string(data1) + ",\"data2\":0.0}";
     pavo_ipc_msg m{static_cast<uint32_t>(text.size()), text.data()};
     return pavo_ipc_client_send(sender, &m);
   };
@@ -94,7 +88,7 @@ TEST(EventFlood, NothingIsLostWhileTheQueueHoldsNoMoreThanItsCapacity) {
   pavo_ipc_client_destroy(sender);
   Pavo_MediaPlayer_IPC_UnregisterCallback(kPlayer);
   Pavo_MediaPlayer_IPC_Finalize();
-  for (key_t key : kProtocolKeys) pavo::test::remove_queue(key);
+  pavo::e2e::remove_protocol_queues();
 }
 
 }  // namespace

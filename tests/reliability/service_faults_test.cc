@@ -2,7 +2,11 @@
 // reply bound, on any thread, whatever the service does; once the library has
 // seen the service dead or silent, further calls fail fast until it is back.
 // The service is pavo-media-service as a child process with its fault
-// options, or a hostile peer of this file.
+// options, or a hostile peer of this file. A restarted service has none of
+// the players of the old one: each object whose player is gone is told once
+// (play state error, GetError "connection") and its next Load creates a
+// player in the new service. A service that only hangs and continues keeps
+// its players: nobody is told.
 #include <gtest/gtest.h>
 #include <sys/msg.h>
 #include <sys/wait.h>
@@ -46,21 +50,6 @@ constexpr int kFastCalls = 5;
 
 constexpr key_t kRequestKey = static_cast<key_t>(0x95000100);
 
-const key_t kProtocolKeys[] = {kRequestKey, static_cast<key_t>(0x95000101),
-                               static_cast<key_t>(0x95000080), static_cast<key_t>(0x95000070),
-                               static_cast<key_t>(0x95000090), static_cast<key_t>(0x95000091)};
-
-void remove_protocol_queues() {
-  for (key_t key : kProtocolKeys) pavo::test::remove_queue(key);
-}
-
-// Runs `call` and returns how long it took; *result gets what it returned.
-Millis timed(const std::function<int()>& call, int* result) {
-  const auto start = steady_clock::now();
-  *result = call();
-  return std::chrono::duration_cast<Millis>(steady_clock::now() - start);
-}
-
 // A hostile peer in place of the service: a child process that takes
 // `frames` frames off the request queue (a request half read) and exits.
 // Returns its pid; reap it with waitpid.
@@ -85,48 +74,11 @@ struct Case {
   Millis first_limit;   // for the first calls (made on kThreads threads at once)
 };
 
-class ServiceFaults : public ::testing::Test {
- protected:
-  void SetUp() override {
-    remove_protocol_queues();
-    ASSERT_EQ(Pavo_AVCtrl_Initialize(), 0);
-  }
-  void TearDown() override {
-    for (void* av : objects_) Pavo_AVCtrl_Destroy(av);
-    Pavo_AVCtrl_Finalize();
-    service_.resume();
-    service_.stop();
-    remove_protocol_queues();
-  }
-
-  // A new object; its player exists only if the running service answered.
-  void* new_object() {
-    void* av = nullptr;
-    if (Pavo_AVCtrl_Create(nullptr, &av) != 0) return nullptr;
-    objects_.push_back(av);
-    return av;
-  }
-
-  // Whether the service answers again: a new object loads an item (polled,
-  // since a hung service answers its backlog first).
-  bool answers_again() {
-    return pavo::test::wait_until(
-        [&] {
-          void* av = new_object();
-          return av != nullptr && Pavo_AVCtrl_Load(av, "http://media.test/vod.mp4") == 0;
-        },
-        wait_limit());
-  }
-
-  ServiceProcess service_;
-  std::vector<void*> objects_;
-};
-
 // Each fault, with the call that meets it made on several threads at once:
 // every call returns -1 within its limit (the bound, or sooner when the
 // service is seen dead); the calls after it fail fast; a restarted service
 // is used again.
-TEST_F(ServiceFaults, NoCallOutlastsTheBoundAndLaterCallsFailFast) {
+TEST_F(EndToEnd, NoCallOutlastsTheBoundAndLaterCallsFailFast) {
   const std::string play = "3";
   const Case cases[] = {
       {"never answers", {"--no-reply", play}, Fault::kNone, kBound + kSlack},
@@ -137,6 +89,12 @@ TEST_F(ServiceFaults, NoCallOutlastsTheBoundAndLaterCallsFailFast) {
       {"dies in the middle of a request", {"--exit-on-request", play}, Fault::kNone, kDeadNoticed},
       {"dies while a 16-chunk request is half read", {}, Fault::kHalfRead, kDeadNoticed},
   };
+  std::vector<void*> objects;  // destroyed at the end
+  const auto new_object = [&objects] {  // its player exists only if the running service answered
+    void* av = nullptr;
+    if (Pavo_AVCtrl_Create(nullptr, &av) == 0) objects.push_back(av);
+    return av;
+  };
   pavo::test::ReplyTimeoutOverride bound(kBound);
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -145,92 +103,45 @@ TEST_F(ServiceFaults, NoCallOutlastsTheBoundAndLaterCallsFailFast) {
     ASSERT_NE(av, nullptr);
     pid_t peer = -1;
     std::function<int()> call = [av] { return Pavo_AVCtrl_Play(av, 1.0); };
-    switch (c.fault) {
-      case Fault::kNone:
-        break;
-      case Fault::kKill:
-        service_.kill_now();
-        break;
-      case Fault::kSuspend:
-        service_.suspend();
-        break;
-      case Fault::kHalfRead: {
-        service_.kill_now();
-        peer = half_reader(8);
-        const std::string url = "http://media.test/" + std::string(16000, 'x') + "/vod.mp4";
-        call = [av, url] { return Pavo_AVCtrl_Load(av, url.c_str()); };
-        break;
-      }
+    if (c.fault == Fault::kKill || c.fault == Fault::kHalfRead) service_.kill_now();
+    if (c.fault == Fault::kSuspend) service_.suspend();
+    if (c.fault == Fault::kHalfRead) {  // a peer reads half of a request of 16 frames
+      peer = half_reader(8);
+      const std::string url = "http://media.test/" + std::string(16000, 'x') + "/vod.mp4";
+      call = [av, url] { return Pavo_AVCtrl_Load(av, url.c_str()); };
     }
 
-    std::vector<int> results(kThreads, 0);
+    const auto timed_call = [&call] {
+      const auto start = steady_clock::now();
+      EXPECT_EQ(call(), -1);
+      return std::chrono::duration_cast<Millis>(steady_clock::now() - start);
+    };
     std::vector<Millis> took(kThreads);
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-      threads.emplace_back([&, t] { took[t] = timed(call, &results[t]); });
-    }
+    for (int t = 0; t < kThreads; ++t) threads.emplace_back([&, t] { took[t] = timed_call(); });
     for (std::thread& t : threads) t.join();
-    for (int t = 0; t < kThreads; ++t) {
-      EXPECT_EQ(results[t], -1) << "thread " << t;
-      EXPECT_LE(took[t].count(), c.first_limit.count()) << "thread " << t;
-    }
-    Millis longest_fast(0);
-    for (int i = 0; i < kFastCalls; ++i) {
-      int result = 0;
-      const Millis t = timed(call, &result);
-      EXPECT_EQ(result, -1) << "call " << i;
-      EXPECT_LE(t.count(), kFastFail.count()) << "call " << i << " after the fault was seen";
-      longest_fast = std::max(longest_fast, t);
-    }
+    const Millis first = *std::max_element(took.begin(), took.end());
+    EXPECT_LE(first.count(), c.first_limit.count());
+    Millis later(0);
+    for (int i = 0; i < kFastCalls; ++i) later = std::max(later, timed_call());
+    EXPECT_LE(later.count(), kFastFail.count()) << "a call after the fault was seen";
     std::printf("fault \"%s\": longest first call %lld ms (bound %lld ms), longest later call %lld ms\n", c.name,
-                static_cast<long long>(std::max_element(took.begin(), took.end())->count()),
-                static_cast<long long>(kBound.count()), static_cast<long long>(longest_fast.count()));
+                static_cast<long long>(first.count()), static_cast<long long>(kBound.count()),
+                static_cast<long long>(later.count()));
 
     if (peer > 0) waitpid(peer, nullptr, 0);
     service_.resume();
-    service_.stop();
-    ASSERT_TRUE(service_.start(kTimeScale, wait_limit())) << service_.output();
-    EXPECT_TRUE(answers_again()) << "the restarted service was not used again";
-    service_.stop();
+    ASSERT_TRUE(service_.start(kTimeScale, wait_limit())) << service_.output();  // the old one stopped first
+    // A new object loads an item (polled: a hung service answers its backlog first).
+    EXPECT_TRUE(pavo::test::wait_until(
+        [&] {
+          void* again = new_object();
+          return again != nullptr && Pavo_AVCtrl_Load(again, kVod) == 0;
+        },
+        wait_limit()))
+        << "the restarted service was not used again";
   }
-}
-
-// A hung service that continues is used again without a restart: the reply
-// to the request that timed out arrives late and ends the fast failing.
-TEST_F(ServiceFaults, HungServiceThatContinuesIsUsedAgain) {
-  pavo::test::ReplyTimeoutOverride bound(kBound);
-  ASSERT_TRUE(service_.start(kTimeScale, wait_limit())) << service_.output();
-  void* av = new_object();
-  ASSERT_EQ(Pavo_AVCtrl_Load(av, "http://media.test/vod.mp4"), 0);
-  service_.suspend();
-  double duration = 0;
-  EXPECT_EQ(Pavo_AVCtrl_GetPlayTime(av, &duration), -1);
-  int result = 0;
-  EXPECT_LE(timed([&] { return Pavo_AVCtrl_GetPlayTime(av, &duration); }, &result).count(),
-            kFastFail.count());
-  EXPECT_EQ(result, -1);
-  service_.resume();
-  EXPECT_TRUE(pavo::test::wait_until([&] { return Pavo_AVCtrl_GetPlayTime(av, &duration) == 0; },
-                                     wait_limit()));
-  EXPECT_EQ(duration, 60000.0);
-}
-
-// A service whose events are all lost: requests still work and the object
-// stays in the state the page was last told (it cannot know what it missed).
-TEST_F(ServiceFaults, LostEventsLeaveRequestsWorking) {
-  ASSERT_TRUE(service_.start(kTimeScale, wait_limit(), {"--drop-events", "1"})) << service_.output();
-  void* av = new_object();
-  ASSERT_EQ(Pavo_AVCtrl_Load(av, "http://media.test/vod.mp4"), 0);
-  ASSERT_EQ(Pavo_AVCtrl_Play(av, 1.0), 0);
-  double duration = 0;
-  EXPECT_EQ(Pavo_AVCtrl_GetPlayTime(av, &duration), 0);
-  EXPECT_EQ(duration, 60000.0);
-  // Playing would be reported within about 25 ms.
-  PavoAVCtrlPlayState state = PAVO_AVCTRL_PLAYSTATE_STOPPED;
-  EXPECT_FALSE(pavo::test::wait_until(
-      [&] { return Pavo_AVCtrl_GetPlayState(av, &state) == 0 && state != PAVO_AVCTRL_PLAYSTATE_CONNECTING; },
-      Millis(500)))
-      << "state " << state;
+  for (void* av : objects) Pavo_AVCtrl_Destroy(av);
 }
 
 // The signal for "dead": a living process (this one, or one of another
@@ -246,6 +157,96 @@ TEST(QueueReader, EndedProcessesAreToldFromLivingOnes) {
   ASSERT_TRUE(pavo::test::wait_until([&] { return pavo::ipc::process_ended(child); })) << "zombie";
   ASSERT_EQ(waitpid(child, nullptr, 0), child);
   EXPECT_TRUE(pavo::ipc::process_ended(child)) << "reaped";
+}
+
+// The play-state posts of `state` at or after position `from` in `log`.
+long count_states(PostLog& log, int state, std::size_t from) {
+  const std::vector<Post> posts = log.posts();
+  return std::count_if(posts.begin() + static_cast<long>(from), posts.end(), [state](const Post& p) {
+    return p.event == PAVO_AVCTRL_EVENT_PLAYSTATECHANGE && p.int_value == state;
+  });
+}
+
+TEST_F(EndToEnd, LostPlayersAreToldOnceAndLoadMakesANewOne) {
+  // A second object, with a player too (the service gives it the next id).
+  void* other = nullptr;
+  static PostLog other_log;  // outlives every post
+  ASSERT_EQ(Pavo_AVCtrl_Create(nullptr, &other), 0);
+  ASSERT_EQ(Pavo_AVCtrl_RegisterCallback(other, record, &other_log), 0);
+  play_until_playing(kVod);
+  ASSERT_EQ(Pavo_AVCtrl_Load(other, kVod), 0);
+  const std::size_t before = log_.posts().size();
+  const std::size_t other_before = other_log.posts().size();
+
+  service_.kill_now();
+  ASSERT_TRUE(service_.start(kTimeScale, wait_limit())) << service_.output();
+  ASSERT_TRUE(pavo::test::wait_until(
+      [&] {
+        position_ms();  // the page's position poll, the only call it makes meanwhile
+        return count_states(log_, PAVO_AVCTRL_PLAYSTATE_ERROR, before) > 0 &&
+               count_states(other_log, PAVO_AVCTRL_PLAYSTATE_ERROR, other_before) > 0;
+      },
+      wait_limit()))
+      << log_.dump();
+  for (int i = 0; i < 5; ++i) position_ms();
+  EXPECT_EQ(count_states(log_, PAVO_AVCTRL_PLAYSTATE_ERROR, before), 1) << log_.dump();
+  EXPECT_EQ(count_states(other_log, PAVO_AVCTRL_PLAYSTATE_ERROR, other_before), 1) << other_log.dump();
+  for (void* av : {av_, other}) {
+    PavoAVCtrlPlayStateError error = PAVO_AVCTRL_ERROR_NONE;
+    EXPECT_EQ(Pavo_AVCtrl_GetError(av, &error), 0);
+    EXPECT_EQ(error, PAVO_AVCTRL_ERROR_CONNECTION);
+  }
+
+  // The other object loads first and gets the new service's first id, the
+  // id that av_'s lost player had. Requests of av_ are refused, not sent
+  // with that id, and its destruction leaves that new player and its
+  // registration alone.
+  const std::size_t reload = other_log.posts().size();
+  ASSERT_EQ(Pavo_AVCtrl_Load(other, kVod), 0);
+  EXPECT_EQ(Pavo_AVCtrl_Stop(av_), -1);
+  Pavo_AVCtrl_Destroy(av_);
+  av_ = nullptr;
+  ASSERT_EQ(Pavo_AVCtrl_Play(other, 1.0), 0);
+  EXPECT_GE(other_log.wait_for(PAVO_AVCTRL_EVENT_PLAYSTATECHANGE, int_is(PAVO_AVCTRL_PLAYSTATE_PLAYING), reload),
+            0)
+      << other_log.dump();
+  Pavo_AVCtrl_Destroy(other);
+}
+
+// An object made while the service is down has no player; its first Load
+// after the service is back makes one.
+TEST_F(EndToEnd, ObjectMadeWhileTheServiceIsDownLoadsLater) {
+  service_.kill_now();
+  void* late = nullptr;
+  ASSERT_EQ(Pavo_AVCtrl_Create(nullptr, &late), 0);
+  static PostLog late_log;  // outlives every post
+  ASSERT_EQ(Pavo_AVCtrl_RegisterCallback(late, record, &late_log), 0);
+  ASSERT_TRUE(service_.start(kTimeScale, wait_limit())) << service_.output();
+  EXPECT_TRUE(pavo::test::wait_until([&] { return Pavo_AVCtrl_Load(late, kVod) == 0; }, wait_limit()));
+  ASSERT_EQ(Pavo_AVCtrl_Play(late, 1.0), 0);
+  EXPECT_GE(late_log.wait_for(PAVO_AVCTRL_EVENT_PLAYSTATECHANGE, int_is(PAVO_AVCTRL_PLAYSTATE_PLAYING)), 0)
+      << late_log.dump();
+  Pavo_AVCtrl_Destroy(late);
+}
+
+// A hung service that continues still has its players: the call that timed
+// out is refused, the late reply to it ends the fast failing (which the
+// fault table checks), no object is told an error, and the old player
+// answers.
+TEST_F(EndToEnd, HungServiceThatContinuesKeepsItsPlayers) {
+  pavo::test::ReplyTimeoutOverride bound(std::chrono::milliseconds(500));
+  play_until_playing(kVod);
+  const std::size_t before = log_.posts().size();
+  service_.suspend();
+  double duration = 0;
+  EXPECT_EQ(Pavo_AVCtrl_GetPlayTime(av_, &duration), -1);
+  service_.resume();
+  ASSERT_TRUE(pavo::test::wait_until([&] { return Pavo_AVCtrl_GetPlayTime(av_, &duration) == 0; },
+                                     wait_limit()));
+  EXPECT_EQ(duration, 60000.0);
+  ASSERT_EQ(Pavo_AVCtrl_Pause(av_), 0);
+  EXPECT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_PAUSED, before), 0) << log_.dump();
+  EXPECT_EQ(count_states(log_, PAVO_AVCTRL_PLAYSTATE_ERROR, before), 0) << log_.dump();
 }
 
 }  // namespace
