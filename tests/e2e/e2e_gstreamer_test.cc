@@ -55,6 +55,8 @@ TEST_F(GStreamerEndToEnd, ControlsMoveThePositionAtTheirPace) {
        double_near(2.0), 2.0},
       {"speed -1", [](void* av) { return Pavo_AVCtrl_Play(av, -1.0); }, PAVO_AVCTRL_EVENT_SPEEDCHANGE,
        double_near(-1.0), -1.0},
+      {"speed 1", [](void* av) { return Pavo_AVCtrl_Play(av, 1.0); }, PAVO_AVCTRL_EVENT_SPEEDCHANGE,
+       double_near(1.0), 1.0},
   };
   for (const auto& step : steps) {
     SCOPED_TRACE(step.name);
@@ -71,6 +73,13 @@ TEST_F(GStreamerEndToEnd, ControlsMoveThePositionAtTheirPace) {
     const double pace = (position_ms() - p0) / std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
     EXPECT_NEAR(pace, step.pace, 0.25) << "from " << p0 << " ms";
   }
+  // Forwards again after the rewind: on to the file's end, not to where the rewind began.
+  const std::size_t from = log_.posts().size();
+  const double p0 = position_ms();
+  const Clock::time_point t0 = Clock::now();
+  ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_FINISHED, from), 0) << log_.dump();
+  const std::chrono::duration<double, std::milli> took = Clock::now() - t0;
+  EXPECT_NEAR(took.count(), kMediaMs - p0, 500.0);
 }
 
 // While the file plays to finished: its tracks in the component list with

@@ -86,8 +86,10 @@ bool GstPlayer::flush_seek(double rate, double seconds) {
   const bool ok = worker_->call<bool>(
       [rate, at](GstElement* pipeline) -> bool {
         const auto flags = static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE);
+        // Forwards the stop is set to none (the end): a rewind before left
+        // its start position as the segment's stop.
         return rate > 0 ? gst_element_seek(pipeline, rate, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, at,
-                                           GST_SEEK_TYPE_NONE, GST_CLOCK_TIME_NONE)
+                                           GST_SEEK_TYPE_SET, GST_CLOCK_TIME_NONE)
                         : gst_element_seek(pipeline, rate, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, 0,
                                            GST_SEEK_TYPE_SET, at);
       },
