@@ -3,19 +3,16 @@
 #include <sys/ipc.h>
 #include <sys/msg.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 
+#include "pavo_ipc.h"
 #include "support/test_queues.h"
 
 namespace pavo::test {
 namespace {
 
 // Frames of chunk size 1024 (WireFrame) and message type 1.
-constexpr std::size_t kChunkPayload = kWireChunk + 1;
 constexpr long kMessageType = 1;
 
 enum Kind : uint32_t { kOneWay = 1, kRequest = 2, kReply = 3, kNoReplyKind = 4 };
@@ -27,48 +24,28 @@ int create_fresh_queue(int key) {
   return id;
 }
 
-// Sends `bytes` as frames of `kind`. A full queue is retried for a second.
-bool send_frames(int queue, long mtype, uint32_t kind, const std::string& bytes) {
-  auto frame = std::make_unique<WireFrame>();
-  std::size_t offset = 0;
-  uint32_t seq = 0;
-  do {
-    const auto take = static_cast<uint32_t>(std::min(kChunkPayload, bytes.size() - offset));
-    const uint32_t last = offset + take == bytes.size();
-    *frame = WireFrame{mtype, kind, static_cast<uint32_t>(bytes.size()), ++seq, last, 1, 0, take, {}};
-    if (take > 0) std::memcpy(frame->payload, bytes.data() + offset, take);
-    offset += take;
-    int attempts = 0;
-    while (msgsnd(queue, frame.get(), kWireTextBytes, IPC_NOWAIT) != 0) {
-      if ((errno != EAGAIN && errno != EINTR) || ++attempts > 1000) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-  } while (offset < bytes.size());
-  return true;
+// Sends `bytes` as frames of `kind` through the transport's framing (its
+// layout is checked against raw frames in tests/ipc).
+bool send_frames(int queue, long mtype, uint32_t kind, std::string bytes) {
+  pavo_ipc_msg message{static_cast<uint32_t>(bytes.size()), bytes.data()};
+  return ipc_snd_internal(queue, mtype, kWireChunk, &message, static_cast<int>(kind)) == 0;
 }
 
-using Clock = std::chrono::steady_clock;
+// Receives one message through the transport's reassembly: its text (up to
+// its NUL), with the final frame's header in *last. False when the receive
+// failed or the message was dropped.
+bool receive_message(int queue, long mtype, std::string* bytes, WireFrame* last) {
+  uint32_t capacity = kWireChunk + 1;
+  char* text = static_cast<char*>(std::malloc(capacity));
+  const bool ok = text != nullptr && ipc_rcv_internal(queue, mtype, kWireChunk, last, &text, &capacity) == 0;
+  if (ok) *bytes = text;
+  std::free(text);
+  return ok;
+}
 
-// Receives the frames of one message: blocking, or polling until `deadline`
-// when one is given. Returns false when the queue is gone, a frame is not
-// the transport's, or the deadline passed.
-bool receive_message(int queue, long mtype, std::optional<Clock::time_point> deadline,
-                     std::string* bytes, WireFrame* last) {
-  bytes->clear();
-  for (;;) {
-    const ssize_t n = msgrcv(queue, last, kWireTextBytes, mtype, deadline ? IPC_NOWAIT : 0);
-    if (n < 0) {
-      const int err = errno;
-      if (err == EINTR) continue;
-      if (err == ENOMSG && deadline && Clock::now() < *deadline) {
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-        continue;
-      }
-      return false;
-    }
-    bytes->append(last->payload, std::min<std::size_t>(last->chunk_len, kChunkPayload));
-    if (last->is_last) return true;
-  }
+bool queue_exists(int queue) {
+  msqid_ds ds{};
+  return msgctl(queue, IPC_STAT, &ds) == 0;
 }
 
 }  // namespace
@@ -140,19 +117,19 @@ std::optional<ServiceReply> FakeMediaService::send_service_request(
   const int replies = msgget(kServiceRequestKey + 1, 0666);
   if (queue < 0 || replies < 0) return std::nullopt;
   if (!send_frames(queue, kMessageType, kRequest, bytes)) return std::nullopt;
+  // The reply is waited for on the queue first, so that no receive blocks past the limit.
+  if (!wait_until([&] { return queued_messages(kServiceRequestKey + 1) > 0; }, limit)) return std::nullopt;
   auto frame = std::make_unique<WireFrame>();
   std::string text;
-  if (!receive_message(replies, kMessageType, Clock::now() + limit, &text, frame.get())) {
-    return std::nullopt;
-  }
-  return ServiceReply{static_cast<int>(frame->kind), std::string(text.c_str())};
+  if (!receive_message(replies, kMessageType, &text, frame.get())) return std::nullopt;
+  return ServiceReply{static_cast<int>(frame->kind), text};
 }
 
 void FakeMediaService::serve(int queue, uint32_t kind) {
   auto frame = std::make_unique<WireFrame>();
   std::string bytes;
-  while (receive_message(queue, 0, std::nullopt, &bytes, frame.get())) {
-    if (frame->kind != kind) continue;
+  while (queue_exists(queue)) {
+    if (!receive_message(queue, 0, &bytes, frame.get()) || frame->kind != kind) continue;
     Received received{bytes, Json::Value()};
     if (!Json::Reader().parse(bytes, received.json)) received.json = Json::Value();
     const Json::Value request = received.json;

@@ -1,10 +1,10 @@
 // A scripted stand-in of the media-player service, for tests that drive the
 // library's media-player client.
 //
-// It speaks the wire protocol only, written here independently of the
-// library's transport: System V queues with the fixed keys and the
-// transport's frame layout (chunk size 1024, message type 1). It owns the
-// service-side queues:
+// It speaks the wire protocol only, through the transport's framing
+// functions (ipc_snd_internal, ipc_rcv_internal; tests/ipc checks their frames
+// against raw ones): System V queues with the fixed keys, chunk size 1024,
+// message type 1. It owns the service-side queues:
 //   0x95000100  the library's requests (read here)
 //   0x95000101  the replies to them (written here)
 //   0x95000080  the library's one-way notices (read here)
@@ -64,7 +64,7 @@ struct Answer {
 
 // One message received from the library.
 struct Received {
-  std::string text;  // the bytes as they arrived (frame total)
+  std::string text;  // the text as it arrived, up to its first NUL
   Json::Value json;  // parsed `text`; null when it is not JSON
 };
 
@@ -109,9 +109,9 @@ class FakeMediaService {
   void clear_records();
 
   // ---- Service to library ----
-  // Sends an event as one-way frames (kind 1) to 0x95000070. Returns false
-  // if the queue does not exist or a frame could not be queued within a
-  // second.
+  // Sends an event as one-way frames (kind 1) to 0x95000070, with the
+  // transport's resends on a full queue. Returns false if the queue does not
+  // exist.
   bool send_event(const Json::Value& event) const;
   bool send_event_text(const std::string& bytes) const;
   // Sends a service request (kind 2) to 0x95000090 and waits at most `limit`
