@@ -87,9 +87,6 @@ wait-state playing
 play 2
 wait-event speed
 expect-speed 2
-seek 30000
-wait-event position
-wait-state playing
 pause
 wait-state paused
 play
@@ -98,29 +95,23 @@ components audio eng,ger
 select audio ger
 wait-event component
 components audio
-subtitles on
 drm query urn:dvb:casystemid:19188
 drm message urn:dvb:casystemid:19188 text/plain hello
 stop
 wait-state stopped
 load http://media.test/error-network.mp4
 expect-error connection
-load http://media.test/short.mp4
-play
-wait-state finished
 )");
   EXPECT_EQ(ran.status, 0) << ran.output;
   EXPECT_EQ(missing_from(ran.output,
                        {"step   load http://media.test/vod.mp4", "event  play state -> connecting",
-                        "event  play state -> playing", "event  speed -> 2",
-                        "event  position -> 30000 ms (00:30.0)", "event  play state -> paused",
+                        "event  play state -> playing", "event  speed -> 2", "event  play state -> paused",
                         "event  play state -> playing", "audio #1: ", "language ger (service: \"de\")",
                         "event  component change: audio", "audio #1: ", ", active",
                         "DRM system \"urn:dvb:casystemid:19188\": status 0 (ready)",
                         "event  DRM message result: id \"1\", code 0",
                         "event  play state -> stopped", "event  play state -> error",
-                        "ok     error code 1 (connection)", "event  play state -> finished",
-                        "end    every step succeeded"}),
+                        "ok     error code 1 (connection)", "end    every step succeeded"}),
             "")
       << ran.output;
 }
@@ -153,13 +144,15 @@ TEST_F(AvctlSession, FailingStepsAndBadScriptsEndLoudly) {
   }
 }
 
+// Subtitles on: the platform shows them and the player switches its first track on.
 TEST_F(AvctlSession, PlayCommandPlaysToTheEndWithItsOptions) {
   const Ran ran = run_avctl({"--media-log", "/dev/null", "play", "http://media.test/vod.mp4", "--audio", "de",
-                             "--seek", "57000", "--speed", "2"});
+                             "--subtitles", "on", "--seek", "57000", "--speed", "2"});
   EXPECT_EQ(ran.status, 0) << ran.output;
   EXPECT_EQ(missing_from(ran.output,
                        {"event  play state -> playing", "select audio #1", "event  component change: audio",
-                        "event  position -> 57000 ms", "event  speed -> 2", "event  play state -> finished"}),
+                        "subtitle #0: ", ", active", "event  position -> 57000 ms (00:57.0)", "event  speed -> 2",
+                        "event  play state -> finished"}),
             "")
       << ran.output;
 }
