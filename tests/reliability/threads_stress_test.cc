@@ -17,6 +17,7 @@
 #include <mutex>
 #include <random>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "e2e_fixture.h"
@@ -76,16 +77,14 @@ TEST_F(EndToEnd, EightThreadsOnOneObjectWhileEventsPourIn) {
   // The service's reports kept coming throughout.
   EXPECT_GT(log_.posts().size(), before);
 
-  // The reports of the storm that are still on their way arrive first.
+  // The reports of the storm that are still on their way arrive first:
+  // settled once no post came for 300 ms.
   const auto settle = [&] {
-    std::size_t seen = 0;
     return pavo::test::wait_until(
-        [&] {
-          const std::size_t now = log_.posts().size();
-          const bool quiet = now == seen;
-          seen = now;
-          if (!quiet) std::this_thread::sleep_for(std::chrono::milliseconds(300));
-          return quiet;
+        [&, seen = std::size_t{0}]() mutable {
+          std::this_thread::sleep_for(std::chrono::milliseconds(300));
+          const std::size_t before = std::exchange(seen, log_.posts().size());
+          return before == seen;
         },
         wait_limit());
   };
