@@ -90,9 +90,6 @@ wait-state paused
 play
 wait-state playing
 components audio eng,ger
-select audio ger
-wait-event component
-components audio
 drm query urn:dvb:casystemid:19188
 drm message urn:dvb:casystemid:19188 text/plain hello
 stop
@@ -105,7 +102,6 @@ expect-error connection
                        {"step   load http://media.test/vod.mp4", "event  play state -> connecting",
                         "event  play state -> playing", "event  speed -> 2", "event  play state -> paused",
                         "event  play state -> playing", "audio #1: ", "language ger (service: \"de\")",
-                        "event  component change: audio", "audio #1: ", ", active",
                         "DRM system \"urn:dvb:casystemid:19188\": status 0 (ready)",
                         "event  DRM message result: id \"1\", code 0",
                         "event  play state -> stopped", "event  play state -> error",

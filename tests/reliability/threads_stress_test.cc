@@ -41,8 +41,7 @@ constexpr unsigned kHangLimitSeconds = PAVO_STRESS_SECONDS + 120;
 // component functions.
 using Random = std::mt19937;
 const std::function<void(void*, Random&)> kCalls[] = {
-    [](void* av, Random&) { Pavo_AVCtrl_Play(av, 1.0); },
-    [](void* av, Random&) { Pavo_AVCtrl_Play(av, 2.0); },
+    [](void* av, Random& random) { Pavo_AVCtrl_Play(av, random() % 2 ? 1.0 : 2.0); },
     [](void* av, Random&) { Pavo_AVCtrl_Pause(av); },
     [](void* av, Random& random) { Pavo_AVCtrl_Seek(av, static_cast<double>(random() % 50000)); },
     [](void* av, Random&) { double v; Pavo_AVCtrl_GetPosition(av, &v); },
