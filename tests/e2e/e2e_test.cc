@@ -50,16 +50,13 @@ TEST_F(EndToEnd, LoadAndPlayReachPlayingThroughTheServicesReports) {
                                 std::make_pair(kState, 4.0), std::make_pair(kSpeed, 1.0),
                                 std::make_pair(kState, 1.0)))
       << log_.dump();
-  double duration = 0;
-  EXPECT_EQ(Pavo_AVCtrl_GetPlayTime(av_, &duration), 0);
-  EXPECT_EQ(duration, 60000.0);
-  // The media clock runs: the position grows before the item's end (where
-  // a stopped clock would jump to).
+  // The media clock runs: the position grows before the item's end (60 s,
+  // where a stopped clock would jump to).
   const double first = position_ms();
   EXPECT_TRUE(pavo::test::wait_until(
       [&] {
         const double now = position_ms();
-        return now > first && now < duration;
+        return now > first && now < 60000.0;
       },
       wait_limit()));
 }

@@ -120,12 +120,9 @@ TEST_F(EndToEnd, EightThreadsOnOneObjectWhileEventsPourIn) {
 // user data is marked dead when UnregisterCallback returns (and kept, so
 // that the check itself reads valid memory): no post may come after that.
 TEST_F(EndToEnd, ObjectsDestroyedWhileTheirEventsAreInFlight) {
-  struct Page {
-    std::atomic<bool> live{true};
-  };
   static std::atomic<long> late_posts{0};
   std::mutex graveyard_mu;
-  std::vector<std::unique_ptr<Page>> graveyard;
+  std::vector<std::unique_ptr<std::atomic<bool>>> graveyard;  // each page's "live" flag
   const auto end = std::chrono::steady_clock::now() + kStress;
   std::atomic<long> objects{0};
   auto churn = [&] {
@@ -133,24 +130,24 @@ TEST_F(EndToEnd, ObjectsDestroyedWhileTheirEventsAreInFlight) {
          unregister_first = !unregister_first) {
       void* av = nullptr;
       if (Pavo_AVCtrl_Create(nullptr, &av) != 0) continue;
-      auto page = std::make_unique<Page>();
+      auto live = std::make_unique<std::atomic<bool>>(true);
       Pavo_AVCtrl_RegisterCallback(
           av,
           [](PavoAVCtrlEvent, const PavoAVCtrlEventInfo*, const void* user) {
-            if (!static_cast<const Page*>(user)->live.load()) ++late_posts;
+            if (!static_cast<const std::atomic<bool>*>(user)->load()) ++late_posts;
           },
-          page.get());
+          live.get());
       Pavo_AVCtrl_Load(av, kVod);
       Pavo_AVCtrl_Play(av, 2.0);
       Pavo_AVCtrl_Seek(av, 5000.0);
       Pavo_AVCtrl_SelectComponent(av, PAVO_AV_COMPONENT_TYPE_AUDIO, 1);
       if (unregister_first) {
         Pavo_AVCtrl_UnregisterCallback(av);
-        page->live.store(false);
+        live->store(false);
       }
       Pavo_AVCtrl_Destroy(av);
       std::lock_guard<std::mutex> lock(graveyard_mu);
-      graveyard.push_back(std::move(page));
+      graveyard.push_back(std::move(live));
       ++objects;
     }
   };
