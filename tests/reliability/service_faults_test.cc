@@ -163,8 +163,6 @@ long count_states(PostLog& log, int state, std::size_t from) {
   });
 }
 
-// An object made while the service is down has no player either; its
-// first Load after the service is back makes one.
 TEST_F(EndToEnd, LostPlayersAreToldOnceAndLoadMakesANewOne) {
   // A second object, with a player too (the service gives it the next id).
   void* other = nullptr;
@@ -177,6 +175,8 @@ TEST_F(EndToEnd, LostPlayersAreToldOnceAndLoadMakesANewOne) {
   const std::size_t other_before = other_log.posts().size();
 
   service_.kill_now();
+  // An object made while the service is down has no player either; its
+  // first Load after the service is back makes one.
   void* late = nullptr;
   ASSERT_EQ(Pavo_AVCtrl_Create(nullptr, &late), 0);
   ASSERT_TRUE(service_.start(kTimeScale, wait_limit())) << service_.output();
