@@ -5,8 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,7 +16,7 @@
 namespace {
 
 struct Ran {
-  int status = -1;  // exit status (137: killed at the time limit); -1 when it did not run
+  int status;  // exit status (137: killed at the time limit); -1 when it did not run
   std::string output;
 };
 
@@ -33,16 +34,13 @@ Ran run_avctl(const std::vector<std::string>& args, const std::string& script = 
     std::ofstream(file) << script;
     words.insert(words.end(), {"session", file});
   }
+  const std::string output = testing::TempDir() + "avctl_e2e.out";
   std::string command;
   for (const std::string& word : words) command += "'" + word + "' ";
-  FILE* out = popen((command + "2>&1").c_str(), "r");
-  Ran ran;
-  if (out == nullptr) return ran;
-  char buffer[4096];
-  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, out)) > 0;) ran.output.append(buffer, n);
-  const int status = pclose(out);
-  ran.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return ran;
+  const int status = std::system((command + ">'" + output + "' 2>&1").c_str());
+  std::ostringstream text;
+  text << std::ifstream(output).rdbuf();
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text.str()};
 }
 
 // The first of `lines` that does not follow the ones before it in `text`;
@@ -87,40 +85,27 @@ wait-state playing
 play 2
 wait-event speed
 expect-speed 2
-seek 30000
-wait-event position
-wait-state playing
 pause
 wait-state paused
 play
 wait-state playing
 components audio eng,ger
-select audio ger
-wait-event component
-components audio
-subtitles on
 drm query urn:dvb:casystemid:19188
 drm message urn:dvb:casystemid:19188 text/plain hello
 stop
 wait-state stopped
 load http://media.test/error-network.mp4
 expect-error connection
-load http://media.test/short.mp4
-play
-wait-state finished
 )");
   EXPECT_EQ(ran.status, 0) << ran.output;
   EXPECT_EQ(missing_from(ran.output,
                        {"step   load http://media.test/vod.mp4", "event  play state -> connecting",
-                        "event  play state -> playing", "event  speed -> 2",
-                        "event  position -> 30000 ms (00:30.0)", "event  play state -> paused",
+                        "event  play state -> playing", "event  speed -> 2", "event  play state -> paused",
                         "event  play state -> playing", "audio #1: ", "language ger (service: \"de\")",
-                        "event  component change: audio", "audio #1: ", ", active",
                         "DRM system \"urn:dvb:casystemid:19188\": status 0 (ready)",
                         "event  DRM message result: id \"1\", code 0",
                         "event  play state -> stopped", "event  play state -> error",
-                        "ok     error code 1 (connection)", "event  play state -> finished",
-                        "end    every step succeeded"}),
+                        "ok     error code 1 (connection)", "end    every step succeeded"}),
             "")
       << ran.output;
 }
@@ -147,19 +132,19 @@ TEST_F(AvctlSession, FailingStepsAndBadScriptsEndLoudly) {
     const Ran ran = run_avctl({"--media-log", "/dev/null"}, c.script);
     EXPECT_EQ(ran.status, c.status) << ran.output;
     EXPECT_NE(ran.output.find(c.said), std::string::npos) << ran.output;
-    if (c.status == 2) {
-      EXPECT_EQ(ran.output.find("step"), std::string::npos) << ran.output;
-    }
+    EXPECT_EQ(ran.output.find("step") == std::string::npos, c.status == 2) << "steps ran:\n" << ran.output;
   }
 }
 
+// Subtitles on: the platform shows them and the player switches its first track on.
 TEST_F(AvctlSession, PlayCommandPlaysToTheEndWithItsOptions) {
   const Ran ran = run_avctl({"--media-log", "/dev/null", "play", "http://media.test/vod.mp4", "--audio", "de",
-                             "--seek", "57000", "--speed", "2"});
+                             "--subtitles", "on", "--seek", "57000", "--speed", "2"});
   EXPECT_EQ(ran.status, 0) << ran.output;
   EXPECT_EQ(missing_from(ran.output,
                        {"event  play state -> playing", "select audio #1", "event  component change: audio",
-                        "event  position -> 57000 ms", "event  speed -> 2", "event  play state -> finished"}),
+                        "subtitle #0: ", ", active", "event  position -> 57000 ms (00:57.0)", "event  speed -> 2",
+                        "event  play state -> finished"}),
             "")
       << ran.output;
 }

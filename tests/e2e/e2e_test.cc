@@ -50,16 +50,13 @@ TEST_F(EndToEnd, LoadAndPlayReachPlayingThroughTheServicesReports) {
                                 std::make_pair(kState, 4.0), std::make_pair(kSpeed, 1.0),
                                 std::make_pair(kState, 1.0)))
       << log_.dump();
-  double duration = 0;
-  EXPECT_EQ(Pavo_AVCtrl_GetPlayTime(av_, &duration), 0);
-  EXPECT_EQ(duration, 60000.0);
-  // The media clock runs: the position grows before the item's end (where
-  // a stopped clock would jump to).
+  // The media clock runs: the position grows before the item's end (60 s,
+  // where a stopped clock would jump to).
   const double first = position_ms();
   EXPECT_TRUE(pavo::test::wait_until(
       [&] {
         const double now = position_ms();
-        return now > first && now < duration;
+        return now > first && now < 60000.0;
       },
       wait_limit()));
 }
@@ -209,9 +206,6 @@ TEST_F(EndToEnd, DrmEventsReachTheCallbackWithEachAgentsContext) {
   EXPECT_EQ(unknown.user_data, &contexts[1]);
   EXPECT_EQ(unknown.text, "1 5");  // unknown DRM system
 
-  int status = -1;
-  EXPECT_EQ(Pavo_DrmAgent_DRMSystemStatus(agents[0], "urn:dvb:casystemid:19188", &status), 0);
-  EXPECT_EQ(status, 0);
   bool play = false, record = true;
   EXPECT_EQ(Pavo_DrmAgent_canPlayContent(agents[0], "<private/>", "19188", &play), 0);
   EXPECT_EQ(Pavo_DrmAgent_canRecordContent(agents[0], "<private/>", "19188", &record), 0);

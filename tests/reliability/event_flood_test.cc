@@ -9,6 +9,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -27,7 +28,6 @@ constexpr unsigned kPlayer = 7;
 struct Sink {
   std::mutex mu;
   std::condition_variable cv;
-  bool held = false;
   bool released = false;
   std::vector<int> seen;
 
@@ -35,8 +35,6 @@ struct Sink {
     auto* sink = static_cast<Sink*>(const_cast<void*>(user));
     std::unique_lock<std::mutex> lock(sink->mu);
     sink->seen.push_back(data1);
-    sink->held = true;
-    sink->cv.notify_all();
     sink->cv.wait(lock, [sink] { return sink->released; });
   }
 };
@@ -56,10 +54,13 @@ TEST(EventFlood, NothingIsLostWhileTheQueueHoldsNoMoreThanItsCapacity) {
   };
 
   ASSERT_EQ(send(0), 0);
-  {
-    std::unique_lock<std::mutex> lock(sink.mu);
-    ASSERT_TRUE(sink.cv.wait_for(lock, std::chrono::seconds(10), [&] { return sink.held; }));
-  }
+  std::vector<int> seen;  // a copy of sink.seen
+  const auto seen_at_least = [&](std::size_t n) {
+    std::lock_guard<std::mutex> lock(sink.mu);
+    seen = sink.seen;
+    return seen.size() >= n;
+  };
+  ASSERT_TRUE(pavo::test::wait_until([&] { return seen_at_least(1); }, pavo::e2e::wait_limit()));
   msqid_ds ds{};
   ASSERT_EQ(msgctl(msgget(kEventKey, 0), IPC_STAT, &ds), 0);
   const int capacity = static_cast<int>(ds.msg_qbytes / (kChunkSize + 32));
@@ -75,16 +76,10 @@ TEST(EventFlood, NothingIsLostWhileTheQueueHoldsNoMoreThanItsCapacity) {
     sink.released = true;
   }
   sink.cv.notify_all();
-  std::vector<int> expected;
-  for (int i = 0; i <= capacity; ++i) expected.push_back(i);
-  EXPECT_TRUE(pavo::test::wait_until([&] {
-    std::lock_guard<std::mutex> lock(sink.mu);
-    return sink.seen.size() >= expected.size();
-  }));
-  {
-    std::lock_guard<std::mutex> lock(sink.mu);
-    EXPECT_EQ(sink.seen, expected);
-  }
+  std::vector<int> expected(static_cast<std::size_t>(capacity) + 1);
+  std::iota(expected.begin(), expected.end(), 0);
+  EXPECT_TRUE(pavo::test::wait_until([&] { return seen_at_least(expected.size()); }, pavo::e2e::wait_limit()));
+  EXPECT_EQ(seen, expected);
   pavo_ipc_client_destroy(sender);
   Pavo_MediaPlayer_IPC_UnregisterCallback(kPlayer);
   Pavo_MediaPlayer_IPC_Finalize();

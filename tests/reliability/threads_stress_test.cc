@@ -17,6 +17,7 @@
 #include <mutex>
 #include <random>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "e2e_fixture.h"
@@ -40,8 +41,7 @@ constexpr unsigned kHangLimitSeconds = PAVO_STRESS_SECONDS + 120;
 // component functions.
 using Random = std::mt19937;
 const std::function<void(void*, Random&)> kCalls[] = {
-    [](void* av, Random&) { Pavo_AVCtrl_Play(av, 1.0); },
-    [](void* av, Random&) { Pavo_AVCtrl_Play(av, 2.0); },
+    [](void* av, Random& random) { Pavo_AVCtrl_Play(av, random() % 2 ? 1.0 : 2.0); },
     [](void* av, Random&) { Pavo_AVCtrl_Pause(av); },
     [](void* av, Random& random) { Pavo_AVCtrl_Seek(av, static_cast<double>(random() % 50000)); },
     [](void* av, Random&) { double v; Pavo_AVCtrl_GetPosition(av, &v); },
@@ -76,16 +76,14 @@ TEST_F(EndToEnd, EightThreadsOnOneObjectWhileEventsPourIn) {
   // The service's reports kept coming throughout.
   EXPECT_GT(log_.posts().size(), before);
 
-  // The reports of the storm that are still on their way arrive first.
+  // The reports of the storm that are still on their way arrive first:
+  // settled once no post came for 300 ms.
   const auto settle = [&] {
-    std::size_t seen = 0;
     return pavo::test::wait_until(
-        [&] {
-          const std::size_t now = log_.posts().size();
-          const bool quiet = now == seen;
-          seen = now;
-          if (!quiet) std::this_thread::sleep_for(std::chrono::milliseconds(300));
-          return quiet;
+        [&, seen = std::size_t{0}]() mutable {
+          std::this_thread::sleep_for(std::chrono::milliseconds(300));
+          const std::size_t before = std::exchange(seen, log_.posts().size());
+          return before == seen;
         },
         wait_limit());
   };
@@ -122,12 +120,9 @@ TEST_F(EndToEnd, EightThreadsOnOneObjectWhileEventsPourIn) {
 // user data is marked dead when UnregisterCallback returns (and kept, so
 // that the check itself reads valid memory): no post may come after that.
 TEST_F(EndToEnd, ObjectsDestroyedWhileTheirEventsAreInFlight) {
-  struct Page {
-    std::atomic<bool> live{true};
-  };
   static std::atomic<long> late_posts{0};
   std::mutex graveyard_mu;
-  std::vector<std::unique_ptr<Page>> graveyard;
+  std::vector<std::unique_ptr<std::atomic<bool>>> graveyard;  // each page's "live" flag
   const auto end = std::chrono::steady_clock::now() + kStress;
   std::atomic<long> objects{0};
   auto churn = [&] {
@@ -135,24 +130,24 @@ TEST_F(EndToEnd, ObjectsDestroyedWhileTheirEventsAreInFlight) {
          unregister_first = !unregister_first) {
       void* av = nullptr;
       if (Pavo_AVCtrl_Create(nullptr, &av) != 0) continue;
-      auto page = std::make_unique<Page>();
+      auto live = std::make_unique<std::atomic<bool>>(true);
       Pavo_AVCtrl_RegisterCallback(
           av,
           [](PavoAVCtrlEvent, const PavoAVCtrlEventInfo*, const void* user) {
-            if (!static_cast<const Page*>(user)->live.load()) ++late_posts;
+            if (!static_cast<const std::atomic<bool>*>(user)->load()) ++late_posts;
           },
-          page.get());
+          live.get());
       Pavo_AVCtrl_Load(av, kVod);
       Pavo_AVCtrl_Play(av, 2.0);
       Pavo_AVCtrl_Seek(av, 5000.0);
       Pavo_AVCtrl_SelectComponent(av, PAVO_AV_COMPONENT_TYPE_AUDIO, 1);
       if (unregister_first) {
         Pavo_AVCtrl_UnregisterCallback(av);
-        page->live.store(false);
+        live->store(false);
       }
       Pavo_AVCtrl_Destroy(av);
       std::lock_guard<std::mutex> lock(graveyard_mu);
-      graveyard.push_back(std::move(page));
+      graveyard.push_back(std::move(live));
       ++objects;
     }
   };
