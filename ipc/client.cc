@@ -274,14 +274,15 @@ Verdict recheck(pavo_ipc_client* client, bool bounded) {
     client->silent = false;  // the queue has gone: the send opens it anew or fails
     return Verdict::kSend;
   }
-  if (reader.pid > 0 && reader.pid != client->silent_reader && !reader.gone) {
+  const bool reader_gone = process_ended(reader.pid);
+  if (reader.pid > 0 && reader.pid != client->silent_reader && !reader_gone) {
     // A restarted service has read the queue. What the old one owed comes
     // at once or never.
     if (!settle_owed(client, bounded, Clock::now() + kProbeWait)) client->owed_replies = 0;
     client->silent = false;
     return Verdict::kSend;
   }
-  if ((reader.pid == 0 || reader.gone) && reader.queued == 0) {
+  if ((reader.pid == 0 || reader_gone) && reader.queued == 0) {
     client->owed_replies = 0;  // whoever owed them has ended
     return Verdict::kProbe;
   }

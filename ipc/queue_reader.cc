@@ -61,7 +61,6 @@ bool read_queue_reader(int queue_id, QueueReader* out) {
   if (msgctl(queue_id, IPC_STAT, &ds) != 0) return false;
   out->pid = ds.msg_lrpid;
   out->queued = static_cast<unsigned long>(ds.msg_qnum);
-  out->gone = process_ended(ds.msg_lrpid);
   return true;
 }
 

@@ -8,8 +8,10 @@
 // a restarted service shows itself by reading the queue, which makes it the
 // last reader.
 //
-// Thread-safe (no state). Each call is one or two system calls, plus a read
-// of /proc/<pid>/stat when the process still exists.
+// Thread-safe (no state). read_queue_reader is one system call (it runs
+// after every reply); process_ended is a kill(0) plus, when the process
+// still exists, a read of /proc/<pid>/stat, and runs only where a wait or a
+// silent handle needs it.
 #ifndef PAVO_IPC_QUEUE_READER_H
 #define PAVO_IPC_QUEUE_READER_H
 
@@ -20,7 +22,6 @@ namespace pavo::ipc {
 struct QueueReader {
   pid_t pid = 0;            // last reader; 0 when nobody has read yet
   unsigned long queued = 0;  // messages (frames) waiting
-  bool gone = false;        // pid is not 0 and that process has ended
 };
 
 // Reads the state of queue `queue_id`. Returns false (and leaves *out

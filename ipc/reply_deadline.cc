@@ -193,7 +193,8 @@ class Watchdog {
   // has ended, and nobody will take the request. REQUIRES: mu_ held.
   static bool reader_ended(const DeadlineSlot* slot, Clock::time_point now) {
     QueueReader reader;
-    if (slot->request_queue_id < 0 || !read_queue_reader(slot->request_queue_id, &reader) || !reader.gone) {
+    if (slot->request_queue_id < 0 || !read_queue_reader(slot->request_queue_id, &reader) ||
+        !process_ended(reader.pid)) {
       return false;
     }
     return reader.queued == 0 || now - slot->armed_at >= kUnreadGrace;
