@@ -74,7 +74,7 @@ struct pavo_ipc_client {
   bool silent = false;   // fail fast until the service is back
   pid_t silent_reader = 0;  // last reader of the request queue when it fell silent
   pid_t peer_reader = 0;   // the thread that took the last answered request; 0 before the first
-  pid_t peer_process = 0;   // its process
+  std::atomic<pid_t> peer_process{0};  // its process; written under lock, read without it
   std::atomic<unsigned> peer_generation{0};  // written under lock, read without it
   // The handle's frame and reply text buffers, made at the first send and
   // kept: a send or an exchange allocates nothing else but the caller's copy
@@ -135,11 +135,12 @@ void note_peer(pavo_ipc_client* client) {
   if (reader.pid == client->peer_reader) return;
   const pid_t process = process_of(reader.pid);
   if (process == 0) return;  // ended already: the next reply tells
-  if (client->peer_process != 0 && process != client->peer_process) {
+  const pid_t before = client->peer_process.load(std::memory_order_relaxed);
+  if (before != 0 && process != before) {
     client->peer_generation.fetch_add(1, std::memory_order_release);
   }
   client->peer_reader = reader.pid;
-  client->peer_process = process;
+  client->peer_process.store(process, std::memory_order_release);
 }
 
 // Makes the handle's buffers. REQUIRES: client->lock held.
@@ -368,6 +369,10 @@ bool sync_request_ok(const pavo_ipc_client* client, const pavo_ipc_msg* request)
 
 unsigned client_peer_generation(const pavo_ipc_client* client) {
   return client == nullptr ? 0 : client->peer_generation.load(std::memory_order_acquire);
+}
+
+bool client_peer_ended(const pavo_ipc_client* client) {
+  return client != nullptr && process_ended(client->peer_process.load(std::memory_order_acquire));
 }
 
 }  // namespace pavo::ipc

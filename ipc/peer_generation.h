@@ -21,6 +21,12 @@ namespace pavo::ipc {
 // also while another thread waits in an exchange on the handle.
 unsigned client_peer_generation(const pavo_ipc_client* client);
 
+// Whether the service process that last answered on `client` is known to
+// have ended (nobody answers for it any more). False for a null handle and
+// before the first answer. Never blocks for long (a kill(0) and a /proc
+// read, without the handle's lock): any thread, also during an exchange.
+bool client_peer_ended(const pavo_ipc_client* client);
+
 }  // namespace pavo::ipc
 
 #endif  // PAVO_IPC_PEER_GENERATION_H
