@@ -4,7 +4,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <system_error>
+#include <exception>
 #include <thread>
 
 #include "ipc/peer_generation.h"
@@ -19,18 +19,35 @@ constexpr char kFunction[] = "MediaPlayerIPCServiceMonitor";
 constexpr auto kTick = std::chrono::milliseconds(250);
 constexpr int kServers = 2;
 
-std::mutex g_mutex;
-std::condition_variable g_wake;
-bool g_stop = false;   // guarded by g_mutex
-bool g_woken = false;  // guarded by g_mutex
-std::thread g_thread;  // started and joined under the caller's lifecycle lock
+// Created at first use and never destroyed, as the thread that waits on it
+// may outlive the static destructors of a process that exits without
+// Finalize.
+struct Signals {
+  std::mutex mutex;
+  std::condition_variable wake;
+  bool stop = false;   // guarded by mutex
+  bool woken = false;  // guarded by mutex
+};
+
+Signals& signals() {
+  static Signals* const s = new Signals;
+  return *s;
+}
+// Started and joined under the caller's lifecycle lock. Held by pointer and
+// never destroyed while it runs: a process that exits without Finalize must
+// not meet a joinable std::thread among its static destructors.
+std::thread* g_thread = nullptr;
 
 std::atomic<bool> g_exit_seen[kServers];
 
+using Clock = std::chrono::steady_clock;
+
 // The monitor thread's own memory between ticks.
 struct Watch {
-  bool peer_ended = false;              // the answering process was seen ended
-  bool exit_pending[kServers] = {};     // an exit message was noted a tick ago
+  bool peer_ended = false;  // the answering process was seen ended
+  // When the monitor first saw an exit message noted for each server; unset
+  // while none is pending.
+  Clock::time_point exit_seen_at[kServers] = {};
 };
 
 void watch_peer(Watch& w) {
@@ -46,24 +63,29 @@ void watch_peer(Watch& w) {
   w.peer_ended = ended;
 }
 
-// A server whose exit was noted on the previous tick is made anew now: its
-// receive thread returned right after the callback that noted it.
+// A server whose exit the monitor saw noted a tick or more ago is made anew:
+// its receive thread returned right after the callback that noted it (the
+// wait lets it get there: destroying a server whose thread is just ending
+// would leave the stop frame in the queue, for the new server to stop on).
 void watch_servers(Watch& w) {
+  const Clock::time_point now = Clock::now();
   for (int i = 0; i < kServers; ++i) {
-    if (w.exit_pending[i]) {
-      if (reopen_server(static_cast<Server>(i))) w.exit_pending[i] = false;
-    } else if (g_exit_seen[i].exchange(false)) {
-      w.exit_pending[i] = true;
+    Clock::time_point& seen_at = w.exit_seen_at[i];
+    if (seen_at == Clock::time_point{}) {
+      if (g_exit_seen[i].exchange(false)) seen_at = now;
+    } else if (now - seen_at >= kTick && reopen_server(static_cast<Server>(i))) {
+      seen_at = Clock::time_point{};
     }
   }
 }
 
 void run() {
   Watch w;
-  std::unique_lock<std::mutex> lock(g_mutex);
-  while (!g_stop) {
-    g_wake.wait_for(lock, kTick, [] { return g_stop || g_woken; });
-    g_woken = false;
+  Signals& s = signals();
+  std::unique_lock<std::mutex> lock(s.mutex);
+  while (!s.stop) {
+    s.wake.wait_for(lock, kTick, [&s] { return s.stop || s.woken; });
+    s.woken = false;
     lock.unlock();
     watch_peer(w);
     watch_servers(w);
@@ -75,11 +97,12 @@ void run() {
 }
 
 void wake() {
+  Signals& s = signals();
   {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_woken = true;
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.woken = true;
   }
-  g_wake.notify_all();
+  s.wake.notify_all();
 }
 
 }  // namespace
@@ -92,15 +115,15 @@ void note_service_generation(unsigned generation) {
 void note_exit_message(Server server) { g_exit_seen[static_cast<int>(server)].store(true); }
 
 bool start_monitor() {
-  if (g_thread.joinable()) return true;
+  if (g_thread != nullptr) return true;
   {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_stop = false;
+    std::lock_guard<std::mutex> lock(signals().mutex);
+    signals().stop = false;
   }
   for (auto& seen : g_exit_seen) seen.store(false);
   try {
-    g_thread = std::thread(run);
-  } catch (const std::system_error&) {
+    g_thread = new std::thread(run);
+  } catch (const std::exception&) {  // no thread, or no memory for it
     log_error(kFunction);
     return false;
   }
@@ -108,13 +131,15 @@ bool start_monitor() {
 }
 
 void stop_monitor() {
-  if (!g_thread.joinable()) return;
+  if (g_thread == nullptr) return;
   {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_stop = true;
+    std::lock_guard<std::mutex> lock(signals().mutex);
+    signals().stop = true;
   }
-  g_wake.notify_all();
-  g_thread.join();
+  signals().wake.notify_all();
+  g_thread->join();
+  delete g_thread;
+  g_thread = nullptr;
 }
 
 }  // namespace pavo::mediaplayer
