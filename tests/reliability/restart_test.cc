@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <string>
 
 #include "av_control_adaptor/object.h"
@@ -100,6 +101,7 @@ TEST_F(EndToEnd, AServiceThatEndedAndStaysDownIsTold) {
   ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_ERROR, before), 0) << log_.dump();
   const auto took = std::chrono::duration_cast<Millis>(std::chrono::steady_clock::now() - start);
   EXPECT_LE(took.count(), 1500);
+  std::printf("a service that ended: the object was told after %lld ms\n", static_cast<long long>(took.count()));
   PavoAVCtrlPlayStateError error = PAVO_AVCTRL_ERROR_NONE;
   EXPECT_EQ(Pavo_AVCtrl_GetError(av_, &error), 0);
   EXPECT_EQ(error, PAVO_AVCTRL_ERROR_CONNECTION);
