@@ -9,6 +9,7 @@
 
 #include "av_control_adaptor/object.h"
 #include "av_control_adaptor/media_log.h"
+#include "av_control_adaptor/object_lifetime.h"
 #include "av_control_adaptor/request.h"
 #include "pavo_avctrl.h"
 #include "pavo_mediaplayer_adaptor.h"
@@ -56,7 +57,8 @@ void copy_text(char* out, std::size_t capacity, const std::string& text) {
 }
 
 int GetComponents(PavoAVComponentType type, PavoRecordList* list) {
-  void* handle = Pavo_AVCtrl_GetHandle();
+  const SingleObjectRef object;  // kept alive while its components are read
+  void* handle = object.get();
   if (handle == nullptr) {
     AVCTRL_LOG("avHandle is null.");
     return -1;
@@ -146,7 +148,7 @@ int Pavo_AVCtrl_Component_EnableSubtitle(void* handle, bool enable) {
   if (ctx == nullptr) return -3;
   MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance();
   if (mp == nullptr) return 0;
-  if (ctx->player_lost.load()) return pavo::avctrl::kNoPlayer;
+  if (!pavo::avctrl::has_player(ctx)) return pavo::avctrl::kNoPlayer;
   return mp->EnableSubtitle(ctx->player_id, enable);
 }
 
@@ -174,39 +176,41 @@ int Pavo_AVCtrl_GetCurrentActiveComponent(void* handle, PavoAVComponentType type
 
 namespace {
 
-// The one A/V control object, or null after logging on behalf of `function`.
-void* platform_handle(const char* function) {
-  void* handle = Pavo_AVCtrl_GetHandle();
-  if (handle == nullptr) AVCTRL_LOG_AS(function, "avHandle is null.");
-  return handle;
+// Calls `call` with the one A/V control object, referenced for the call;
+// -1 without one, after logging on behalf of `function`.
+template <typename Call>
+int with_platform_object(const char* function, Call&& call) {
+  const pavo::avctrl::SingleObjectRef object;
+  if (object.get() == nullptr) {
+    AVCTRL_LOG_AS(function, "avHandle is null.");
+    return -1;
+  }
+  return call(static_cast<void*>(object.get()));
 }
 
 }  // namespace
 
 int Pavo_Platform_Get_Track_Number(PavoAVComponentType type, unsigned* count) {
-  void* handle = platform_handle(__func__);
-  return handle != nullptr ? Pavo_AVCtrl_GetAVComponentNum(handle, type, count) : -1;
+  return with_platform_object(__func__, [&](void* h) { return Pavo_AVCtrl_GetAVComponentNum(h, type, count); });
 }
 
 int Pavo_Platform_Get_Track_By_Index(PavoAVComponentType type, unsigned index,
                                      PavoAVCtrlTrackInfo* info) {
-  void* handle = platform_handle(__func__);
-  return handle != nullptr ? Pavo_AVCtrl_GetAVComponentByIndex(handle, type, index, info) : -1;
+  return with_platform_object(
+      __func__, [&](void* h) { return Pavo_AVCtrl_GetAVComponentByIndex(h, type, index, info); });
 }
 
 int Pavo_Platform_Select_Track(PavoAVComponentType type, int index) {
-  void* handle = platform_handle(__func__);
-  return handle != nullptr ? Pavo_AVCtrl_SelectComponent(handle, type, index) : -1;
+  return with_platform_object(__func__, [&](void* h) { return Pavo_AVCtrl_SelectComponent(h, type, index); });
 }
 
 int Pavo_Platform_Unselect_Track(PavoAVComponentType type, int index) {
-  void* handle = platform_handle(__func__);
-  return handle != nullptr ? Pavo_AVCtrl_UnselectComponent(handle, type, index) : -1;
+  return with_platform_object(__func__, [&](void* h) { return Pavo_AVCtrl_UnselectComponent(h, type, index); });
 }
 
 int Pavo_Platform_Get_Current_Track(PavoAVComponentType type, int* index) {
-  void* handle = platform_handle(__func__);
-  return handle != nullptr ? Pavo_AVCtrl_GetCurrentActiveComponent(handle, type, index) : -1;
+  return with_platform_object(
+      __func__, [&](void* h) { return Pavo_AVCtrl_GetCurrentActiveComponent(h, type, index); });
 }
 
 int Pavo_Platform_SubtitleEnable(bool enable) {

@@ -15,8 +15,8 @@
 #include "av_control_adaptor/media_log.h"
 #include "av_control_adaptor/object_lifetime.h"
 #include "av_control_adaptor/plugin_callback.h"
+#include "av_control_adaptor/request.h"
 #include "base/callback_guard.h"
-#include "base/player_lost.h"
 #include "pavo_avctrl.h"
 #include "pavo_mediaplayer_adaptor.h"
 #include "pavo_record_list.h"
@@ -106,7 +106,8 @@ void resume_after_rewind(PavoAVCtrlContext* ctx) {
   AVCTRL_LOG_AS(kFunction,
                 "Resume at normal speed  during rewinding the playback reaches the point that it "
                 "cannot be rewound further");
-  if (MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance()) {
+  MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance();
+  if (mp != nullptr && has_player(ctx)) {  // else the player is gone with its service
     mp->Pause(ctx->player_id);
     mp->SetPlayRate(ctx->player_id, 1000.0);
     mp->Play(ctx->player_id);
@@ -216,13 +217,12 @@ void on_components_updated(int data1) {
   collect_components(type);
 }
 
-// The service that held the object's player has ended (base/player_lost.h).
-// The page is told once: error "connection" and a play-state change to
-// error. Takes no op_mutex (the notice may be the first thing the object
-// hears after a long request of another thread), and drops the seek in
-// flight, which will never complete.
-void on_player_lost(PavoAVCtrlContext* ctx) {
-  ctx->registered.store(false);  // the client has dropped it
+// The service that held the object's player has ended. The page is told
+// once: error "connection" and a play-state change to error. Takes no
+// op_mutex (the notice may be the first thing the object hears after a long
+// request of another thread), and drops the seek in flight, which will never
+// complete.
+void tell_player_lost(PavoAVCtrlContext* ctx) {
   if (ctx->player_lost.exchange(true)) return;  // never had one: nothing to tell
   AVCTRL_LOG_AS(kFunction, "player %u lost with its service", ctx->player_id.load());
   ctx->seeking.store(false);
@@ -251,15 +251,21 @@ void translate(PavoAVCtrlContext* ctx, PavoMediaPluginEvent event, PavoMediaErro
     case PAVO_MEDIA_PLAYER_EVENT_COMPONENT_UPDATED:
       on_components_updated(data1);
       break;
-    case pavo::kPlayerLostEvent:
-      on_player_lost(ctx);
-      break;
     default:  // 2, 3 and everything else above 7 or below 0
       break;
   }
 }
 
 }  // namespace
+
+void on_player_lost(void* user_data) {
+  auto* ctx = static_cast<PavoAVCtrlContext*>(user_data);
+  if (ctx == nullptr) return;
+  ObjectRef ref(ctx);
+  if (!ref.held()) return;  // destroyed: nobody to tell
+  pavo::call_guarded(nullptr, [&] { tell_player_lost(ctx); });
+}
+
 }  // namespace pavo::avctrl
 
 void mediaplayer_adaptor_callback(PavoMediaPluginEvent event, PavoMediaError error,

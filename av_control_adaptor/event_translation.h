@@ -28,10 +28,20 @@ int32_t play_state_of(int service_state);
 // synchronous requests to the service (a waiting seek, the rewind recovery,
 // the component queries). Holds a reference to the object while it works;
 // events for a destroyed object, and unknown events and states, are
-// ignored. The client's player-lost event (base/player_lost.h) marks the
-// object's player lost, records the connection error and posts the change
-// to error, once, without taking op_mutex. Never throws.
+// ignored (player events 2, 3, and everything outside 0..7, whatever the
+// service sends). Never throws.
 void mediaplayer_adaptor_callback(PavoMediaPluginEvent event, PavoMediaError error,
                                   const void* user_data, int data1, double data2);
+
+namespace pavo::avctrl {
+
+// The player-lost handler (mediaplayer_adaptor/player_registration.h) that
+// Pavo_AVCtrl_Create installs; `user_data` is the object. Marks the object's
+// player lost, records the connection error and posts the change to error,
+// once, without taking op_mutex. Runs on the client's monitor thread, with a
+// reference to the object held. Never throws.
+void on_player_lost(void* user_data);
+
+}  // namespace pavo::avctrl
 
 #endif  // PAVO_AV_CONTROL_ADAPTOR_EVENT_TRANSLATION_H

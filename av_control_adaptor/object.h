@@ -57,15 +57,13 @@ struct PavoAVCtrlContext {
   std::atomic<unsigned> player_id{0};
   // The object has no living player (its service ended, or it could not be
   // created): its id is not destroyed and no request is sent with it; the
-  // next Load creates a new player first. Set by Create and the event
-  // routine, cleared by Load under op_mutex.
+  // next Load creates a new player first. Set by Create and the player-lost
+  // handler, cleared by Load under op_mutex. The object's event routine is
+  // registered under `player_id` exactly while it has a player whose
+  // service still runs (mediaplayer_adaptor/player_registration.h): from
+  // the moment the client learns that the service is gone, the registration
+  // is dead, before this flag is set, and no request is sent either.
   std::atomic<bool> player_lost{false};
-  // The object's event routine is registered under `player_id`. Cleared by
-  // the event routine when the client drops the registration of a lost
-  // player (before it sets player_lost): that id may be registered for
-  // another object's player of the restarted service, so it is not
-  // unregistered again.
-  std::atomic<bool> registered{false};
   std::atomic<int32_t> error{PAVO_AVCTRL_ERROR_FORMAT};
   std::atomic<double> speed{1.0};
   std::atomic<int32_t> prev_state{PAVO_AVCTRL_PLAYSTATE_STOPPED};

@@ -9,6 +9,8 @@
 
 #include "av_control_adaptor/event_translation.h"
 #include "av_control_adaptor/handle_lookup.h"
+#include "av_control_adaptor/request.h"
+#include "mediaplayer_adaptor/player_registration.h"
 #include "pavo_avctrl.h"
 #include "pavo_mediaplayer_adaptor.h"
 
@@ -72,12 +74,15 @@ namespace {
 constexpr unsigned kReference = 2;  // one reference in `lifetime`
 constexpr unsigned kDestroyed = 1;  // the destroyed mark in `lifetime`
 
-// A lost player is not destroyed, and a dropped registration is not undone:
-// the id may belong to another object's player in the restarted service.
+// A lost player is not destroyed, and only the object's own registration is
+// removed: the id may belong to another object's player in the restarted
+// service. The removal also waits for the event routine and the player-lost
+// handler to be done with the object.
 void finish_object(PavoAVCtrlContext* ctx) {
   if (MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance()) {
-    if (ctx->registered.load()) mp->UnregisterCallback(ctx->player_id);
-    if (!ctx->player_lost.load()) mp->Destroy(ctx->player_id);
+    const bool alive = has_player(ctx);
+    pavo::mediaplayer_adaptor::unregister_player(ctx->player_id, ctx);
+    if (alive) mp->Destroy(ctx->player_id);
   }
   free_object(ctx, kOpMutex | kCbMutex | kCondition);
 }
@@ -101,6 +106,24 @@ void drop_reference(PavoAVCtrlContext* ctx) {
   if (ctx->lifetime.fetch_sub(kReference) == kReference + kDestroyed) finish_object(ctx);
 }
 
+PavoAVCtrlContext* reference_single_object() {
+  std::lock_guard<std::mutex> lock(g_handles_mutex);
+  auto* ctx = static_cast<PavoAVCtrlContext*>(Pavo_AVCtrl_GetHandle());
+  // Still a handle given out: Destroy has not dropped the handle's reference
+  // yet (it forgets the handle first, under this mutex), so the object is
+  // there to take one more.
+  if (ctx == nullptr || std::find(g_handles.begin(), g_handles.end(), ctx) == g_handles.end()) {
+    return nullptr;
+  }
+  return add_reference(ctx) ? ctx : nullptr;
+}
+
+SingleObjectRef::SingleObjectRef() : ctx_(reference_single_object()) {}
+
+SingleObjectRef::~SingleObjectRef() {
+  if (ctx_ != nullptr) drop_reference(ctx_);
+}
+
 ObjectRef::ObjectRef(PavoAVCtrlContext* ctx) : ctx_(ctx), held_(add_reference(ctx)) {}
 
 ObjectRef::~ObjectRef() {
@@ -114,14 +137,18 @@ int Pavo_AVCtrl_Create(void*, void** handle_out) {
   PavoAVCtrlContext* ctx = pavo::avctrl::make_object();
   if (ctx == nullptr) return -4;
   // From the registration on, the event thread may translate events of the
-  // object. Without a player (the service is down) the object keeps id 0
-  // and starts as one whose player is lost: its first Load creates one.
+  // object. Without a player (the service is down) the object keeps id 0,
+  // unregistered, and starts as one whose player is lost: its first Load
+  // creates one.
   if (MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance()) {
+    pavo::mediaplayer_adaptor::set_player_lost_handler(pavo::avctrl::on_player_lost);
     unsigned id = 0;
-    if (mp->Create(id, 0) != 0) ctx->player_lost.store(true);
-    ctx->player_id.store(id);
-    mp->RegisterCallback(id, mediaplayer_adaptor_callback, ctx);
-    ctx->registered.store(true);
+    if (mp->Create(id, 0) == 0) {
+      ctx->player_id.store(id);
+      mp->RegisterCallback(id, mediaplayer_adaptor_callback, ctx);
+    } else {
+      ctx->player_lost.store(true);
+    }
   }
   *handle_out = ctx;
   g_avctrl_handle.store(ctx);

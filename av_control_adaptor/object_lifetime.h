@@ -51,6 +51,23 @@ class ObjectRef {
   bool held_;
 };
 
+// The one A/V control object of Pavo_AVCtrl_GetHandle (for the plug-in's
+// platform callbacks, which carry no handle), with a reference held for the
+// scope; get() is null when there is not exactly one object, or it is being
+// destroyed. Any thread; blocks only for the handle list's mutex.
+class SingleObjectRef {
+ public:
+  SingleObjectRef();
+  ~SingleObjectRef();
+  SingleObjectRef(const SingleObjectRef&) = delete;
+  SingleObjectRef& operator=(const SingleObjectRef&) = delete;
+
+  PavoAVCtrlContext* get() const { return ctx_; }
+
+ private:
+  PavoAVCtrlContext* const ctx_;
+};
+
 }  // namespace pavo::avctrl
 
 #endif  // PAVO_AV_CONTROL_ADAPTOR_OBJECT_LIFETIME_H

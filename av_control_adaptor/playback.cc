@@ -27,10 +27,11 @@ const char* printable(const char* text) { return text != nullptr ? text : "(null
 // Gives an object whose player is lost a new one (command 0) and registers
 // the event routine for it. Returns 0 when the object has a player, or the
 // result of the failed creation (the object stays without a player).
+// A lost player's registration is already gone (the client removed it when
+// it learnt that the service was gone, or there never was one).
 int replace_lost_player(PavoAVCtrlContext* ctx, MediaPlayerAdaptor* mp) {
   MutexLock op(&ctx->op_mutex);
   if (!ctx->player_lost.load()) return 0;  // another thread was first
-  if (ctx->registered.exchange(false)) mp->UnregisterCallback(ctx->player_id);
   unsigned id = 0;
   const int created = mp->Create(id, 0);
   if (created != 0) return created;
@@ -40,7 +41,6 @@ int replace_lost_player(PavoAVCtrlContext* ctx, MediaPlayerAdaptor* mp) {
   ctx->seek_pending = false;
   ctx->last_command.store(AVCTRL_CMD_NONE);
   mp->RegisterCallback(id, mediaplayer_adaptor_callback, ctx);
-  ctx->registered.store(true);
   ctx->player_lost.store(false);
   return 0;
 }
@@ -63,7 +63,9 @@ int Pavo_AVCtrl_Load(void* handle, const char* url) {
     Pavo_AVCtrl_SetPlayState(handle, PAVO_AVCTRL_PLAYSTATE_CONNECTING);
   }
   if (mp == nullptr) return 0;
-  return mp->Load(ctx->player_id, url);
+  // Under op_mutex, and only while the player's registration stands: the
+  // service may have gone since the check above.
+  return locked_request(ctx, [url](MediaPlayerAdaptor& adaptor, unsigned id) { return adaptor.Load(id, url); });
 }
 
 int Pavo_AVCtrl_Play(void* handle, double speed) {
@@ -75,7 +77,7 @@ int Pavo_AVCtrl_Play(void* handle, double speed) {
     MutexLock op(&ctx->op_mutex);
     MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance();
     if (mp == nullptr) return 0;
-    if (ctx->player_lost.load()) return pavo::avctrl::kNoPlayer;
+    if (!pavo::avctrl::has_player(ctx)) return pavo::avctrl::kNoPlayer;
     result = mp->Play(ctx->player_id);
     ctx->last_command.store(AVCTRL_CMD_PLAY);
   }
@@ -116,6 +118,7 @@ int Pavo_AVCtrl_Pause(void* handle) {
           AVCTRL_LOG("mp is NULL");
           return 0;
         }
+        if (!pavo::avctrl::has_player(ctx)) return pavo::avctrl::kNoPlayer;
         mp->Pause(ctx->player_id);
         ctx->last_command.store(AVCTRL_CMD_PAUSE);
         ctx->speed.store(0.0);
@@ -158,7 +161,7 @@ int Pavo_AVCtrl_Seek(void* handle, double position_ms) {
     }
     mp = MediaPlayerAdaptor::GetInstance();
     if (mp == nullptr) return 0;
-    if (ctx->player_lost.load()) return pavo::avctrl::kNoPlayer;
+    if (!pavo::avctrl::has_player(ctx)) return pavo::avctrl::kNoPlayer;
     ctx->seeking.store(true);
     result = mp->Seek(ctx->player_id, position_ms / 1000.0);
     ctx->last_command.store(AVCTRL_CMD_SEEK);
@@ -166,7 +169,9 @@ int Pavo_AVCtrl_Seek(void* handle, double position_ms) {
   if (result != 0) {
     // Put the page's position display back where playback really is.
     double seconds = 0.0;
-    mp->GetCurrentTime(ctx->player_id, &seconds);
+    locked_request(ctx, [&seconds](MediaPlayerAdaptor& adaptor, unsigned id) {
+      return adaptor.GetCurrentTime(id, &seconds);
+    });
     const ObjectRef keep(ctx);  // the callback may destroy the object
     const char* const function = __func__;
     post(ctx, PAVO_AVCTRL_EVENT_POSITIONCHANGE, event_info(seconds * 1000.0), [function] {

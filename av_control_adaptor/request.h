@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "av_control_adaptor/object.h"
+#include "mediaplayer_adaptor/player_registration.h"
 #include "pavo_mediaplayer_adaptor.h"
 
 namespace pavo::avctrl {
@@ -13,16 +14,25 @@ namespace pavo::avctrl {
 // id may name another object's player in the restarted service.
 constexpr int kNoPlayer = -1;
 
+// Whether the object may send a request for its player: it has one, and its
+// registration still stands (it dies as soon as the client knows that the
+// player's service is gone, which may be before the player-lost handler has
+// run). Takes the client's registry mutex briefly.
+inline bool has_player(PavoAVCtrlContext* ctx) {
+  return !ctx->player_lost.load() &&
+         pavo::mediaplayer_adaptor::player_registered(ctx->player_id.load(), ctx);
+}
+
 // Runs `request(adaptor, player_id)` under the object's `op_mutex`, so that
 // at most one request of the object is in flight, and returns its result.
 // Without an adaptor nothing is asked and the result is 0; for an object
-// whose player is lost nothing is asked and the result is kNoPlayer.
+// without a player (has_player) nothing is asked and the result is kNoPlayer.
 template <typename Request>
 int locked_request(PavoAVCtrlContext* ctx, Request&& request) {
   MutexLock op(&ctx->op_mutex);
   MediaPlayerAdaptor* mp = MediaPlayerAdaptor::GetInstance();
   if (mp == nullptr) return 0;
-  if (ctx->player_lost.load()) return kNoPlayer;
+  if (!has_player(ctx)) return kNoPlayer;
   return std::forward<Request>(request)(*mp, ctx->player_id);
 }
 

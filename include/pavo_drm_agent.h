@@ -58,6 +58,9 @@ PAVO_EXPORT int Pavo_DrmAgent_Destroy(void* handle);
  * Makes `callback` (null clears it) the DRM callback of every agent, before
  * anything is sent and whatever the request returns; then tells the service
  * to deliver the agent's events with `user_data`, which must not be null.
+ * An event is handed to the callback with the user data it carries only
+ * while that is the user data of an agent registered in this process (until
+ * its UnregisterCallback or Destroy); with any other, with null.
  */
 PAVO_EXPORT int Pavo_DrmAgent_RegisterCallback(void* handle, PavoDrmCallback callback,
                                                const void* user_data);

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "base/result_codes.h"
+#include "mediaplayer_ipc/log_records.h"
 #include "mediaplayer_ipc/registry.h"
 #include "mediaplayer_ipc/request_frame.h"
 #include "pavo_drm_agent.h"
@@ -56,24 +57,34 @@ int Pavo_MediaPlayer_IPC_DrmAgent_Create(void** handle) {
   return result;
 }
 
+// The agent's context is forgotten first: its events are no longer handed
+// its user data.
 int Pavo_MediaPlayer_IPC_DrmAgent_Destroy(void* handle) {
+  pavo::mediaplayer::forget_drm_context(handle);
   return Command(__func__, 201).with("in_handle", PointerText(handle)).run();
 }
 
 // The callback replaces that of every agent before the request, whatever the
 // request returns; the user data travels as "context" and comes back with
-// each of the agent's events.
+// each of the agent's events, which hand it on only while it is the
+// registered context of an agent (registry.h).
 int Pavo_MediaPlayer_IPC_DrmAgent_RegisterCallback(void* handle, PavoDrmCallback cb,
                                                    const void* user_data) {
   pavo::mediaplayer::set_drm_callback(cb);
+  if (!pavo::mediaplayer::remember_drm_context(handle, user_data)) {
+    pavo::mediaplayer::log_error(__func__);
+    return pavo::kNoMemory;
+  }
   return Command(__func__, 202)
       .with("in_handle", PointerText(handle))
       .with("context", PointerText(user_data))
       .run();
 }
 
-// Clears the callback of every agent before the request.
+// Clears the callback of every agent, and this agent's context, before the
+// request.
 int Pavo_MediaPlayer_IPC_DrmAgent_UnregisterCallback(void* handle) {
+  pavo::mediaplayer::forget_drm_context(handle);
   pavo::mediaplayer::set_drm_callback(nullptr);
   return Command(__func__, 203).with("in_handle", PointerText(handle)).run();
 }

@@ -29,6 +29,9 @@ std::condition_variable g_lease_returned;
 int g_leases = 0;  // guarded by g_lease_mutex
 pavo_ipc_server* g_mediaplayer_ipc_server_handle = nullptr;        // guarded by g_lifecycle
 pavo_ipc_server* g_mediaplayer_ipc_server_async_handle = nullptr;  // guarded by g_lifecycle
+// A server that reopen_server destroyed and could not make again yet, by
+// Server value; guarded by g_lifecycle.
+bool g_reopen_failed[2] = {};
 
 key_t key_of(unsigned long key) { return static_cast<key_t>(key); }
 
@@ -104,6 +107,26 @@ bool close_server(pavo_ipc_server** server, const char* function) {
 
 }  // namespace
 
+bool reopen_server(Server server) {
+  static constexpr char kFunction[] = "MediaPlayerIPCServiceMonitor";
+  std::unique_lock<std::mutex> lock(g_lifecycle, std::try_to_lock);
+  if (!lock.owns_lock()) return false;
+  const bool event = server == Server::kEvent;
+  pavo_ipc_server** slot = event ? &g_mediaplayer_ipc_server_async_handle : &g_mediaplayer_ipc_server_handle;
+  bool& failed = g_reopen_failed[static_cast<int>(server)];
+  if (*slot == nullptr && !failed) return true;  // closed: nothing to keep listening
+  if (!failed) {
+    // Reported once: the server had stopped without being asked.
+    pavo_log_print(PAVO_LOG_TYPE_STRING, kLogModule, __FILE__, kFunction, __LINE__, "server stopped, made anew",
+                   event ? "0x95000070" : "0x95000090");
+  }
+  if (!close_server(slot, kFunction)) return false;
+  failed = !(event ? open_server(slot, key_of(PAVO_MEDIAPLAYER_EVENT_KEY), 0, MediaPlayerIPCAsyncCallback, kFunction)
+                   : open_server(slot, key_of(PAVO_MEDIAPLAYER_SERVICE_REQUEST_KEY), 1, MediaPlayerIPCCallback,
+                                 kFunction));
+  return !failed;
+}
+
 ClientLease::ClientLease(Which which) {
   std::lock_guard<std::mutex> lock(g_lease_mutex);
   ++g_leases;
@@ -125,6 +148,7 @@ using namespace pavo::mediaplayer;
 int Pavo_MediaPlayer_IPC_Initialize(int) {
   log_enter(__func__);
   std::lock_guard<std::mutex> lock(g_lifecycle);
+  g_reopen_failed[0] = g_reopen_failed[1] = false;  // the servers are opened here
   // The request server and client; they stay open when what follows fails.
   if (!open_server(&g_mediaplayer_ipc_server_handle, key_of(PAVO_MEDIAPLAYER_SERVICE_REQUEST_KEY), 1,
                    MediaPlayerIPCCallback, __func__) ||
@@ -140,6 +164,7 @@ int Pavo_MediaPlayer_IPC_Initialize(int) {
                    &g_mediaplayer_ipc_server_async_handle, __func__)) {
     return pavo::kFailed;
   }
+  if (!start_monitor()) return pavo::kFailed;
   log_leave(__func__);
   return 0;
 }
@@ -147,6 +172,8 @@ int Pavo_MediaPlayer_IPC_Initialize(int) {
 int Pavo_MediaPlayer_IPC_Finalize() {
   log_enter(__func__);
   std::lock_guard<std::mutex> lock(g_lifecycle);
+  stop_monitor();
+  g_reopen_failed[0] = g_reopen_failed[1] = false;
   if (!close_client(&g_mediaplayer_ipc_client_handle, __func__) ||
       !close_server(&g_mediaplayer_ipc_server_handle, __func__) ||
       !close_client(&g_mediaplayer_ipc_client_async_handle, __func__) ||

@@ -17,9 +17,19 @@
 #ifndef PAVO_MEDIAPLAYER_IPC_ENDPOINTS_H
 #define PAVO_MEDIAPLAYER_IPC_ENDPOINTS_H
 
+#include "mediaplayer_ipc/service_monitor.h"
 #include "pavo_ipc.h"
 
 namespace pavo::mediaplayer {
+
+// Makes `server` anew (destroys it, then creates it and registers its
+// callback again), for the service monitor when the server's receive thread
+// has ended. Returns true when done, or when the client is closed or the
+// server was not open (nothing to do); false when Initialize or Finalize
+// runs at the moment (try again later) or the new server could not be made
+// (logged; tried again on the next call). Blocks for the destruction (about
+// one second at most). Never waits for the lifecycle lock.
+bool reopen_server(Server server);
 
 // One of the two clients, held for one send; get() is null while closed.
 class ClientLease {

@@ -11,7 +11,7 @@
 #include "mediaplayer_ipc/json_input.h"
 #include "mediaplayer_ipc/log_records.h"
 #include "mediaplayer_ipc/registry.h"
-#include "mediaplayer_ipc/service_restart.h"
+#include "mediaplayer_ipc/service_monitor.h"
 #include "mediaplayer_ipc/styled_object.h"
 
 namespace pavo::mediaplayer {
@@ -30,6 +30,14 @@ struct EventHeader {
   int event = 0;
   int sub_event = 0;
 };
+
+// Whether a message is one after which the transport ends the receive
+// thread that delivered it (a one-way message beginning with "exit"; on the
+// request server a request beginning so is taken for one too).
+bool ends_receive_thread(const pavo_ipc_msg* message) {
+  return message != nullptr && message->data != nullptr &&
+         std::strncmp(message->data, "exit", 4) == 0;
+}
 
 // Parses a received text: it ends at its NUL, and never beyond `len`.
 bool parse_message(const pavo_ipc_msg* message, Json::Value* root) {
@@ -105,9 +113,10 @@ bool deliver_drm_event(const Json::Value& event, const EventHeader& h, const cha
   std::string context;
   if (!read_string(event, "context", &context)) return false;
   // The user data travels as its "%p" text; text that is no pointer
-  // (such as "(nil)") gives null.
-  void* user_data = nullptr;
-  std::sscanf(context.c_str(), "%p", &user_data);
+  // (such as "(nil)") gives null. Only a context registered in this process
+  // is handed on as a pointer (registry.h): any other text is a forgery.
+  void* claimed = nullptr;
+  std::sscanf(context.c_str(), "%p", &claimed);
 
   PavoDrmEventInfo info;
   std::memset(&info, 0, sizeof info);
@@ -135,7 +144,10 @@ bool deliver_drm_event(const Json::Value& event, const EventHeader& h, const cha
       log_error(function);  // not a DRM event: no call
       return true;
   }
-  return dispatch_drm(static_cast<PavoDrmEvent>(h.event), info, user_data) != Dispatch::kCallbackThrew;
+  bool foreign = false;
+  const Dispatch outcome = dispatch_drm(static_cast<PavoDrmEvent>(h.event), info, claimed, &foreign);
+  if (foreign) log_error(function);  // delivered with null user data
+  return outcome != Dispatch::kCallbackThrew;
 }
 
 // Returns false for an unreadable event.
@@ -151,7 +163,6 @@ bool receive_event(const pavo_ipc_msg* message) {
     case kPlayerEvent: return deliver_player_event(event, h, kEventCallback);
     case kMediaSyncMessage: return deliver_media_sync_message(event, h);
     case kDrmEvent: return deliver_drm_event(event, h, kEventCallback);
-    case kRestartNotice: return receive_restart_notice(event);
     default: return true;  // not a family of ours: ignored
   }
 }
@@ -185,11 +196,17 @@ pavo_ipc_msg* MediaPlayerIPCAsyncCallback(pavo_ipc_msg* message, void*) {
   } catch (const std::exception&) {
     log_error(kEventCallback);
   }
+  if (ends_receive_thread(message)) note_exit_message(Server::kEvent);
   return nullptr;
 }
 
 pavo_ipc_msg* MediaPlayerIPCCallback(pavo_ipc_msg* request, void*) {
   log_enter(kRequestCallback);
+  if (ends_receive_thread(request)) {
+    note_exit_message(Server::kRequest);
+    log_error(kRequestCallback);
+    return nullptr;
+  }
   try {
     std::string text;
     if (!answer_request(request, &text)) {

@@ -6,8 +6,10 @@
 // event (to the player callback, with the registered user data of its
 // "player_id"), 1 a media-synchronisation message (to the media-sync
 // callback), 3 a DRM event (to the DRM callback, with the pointer whose "%p"
-// text is its "context"), 100 the library's own restart notice
-// (service_restart.h); other families are ignored. Always returns null.
+// text is its "context" when that is the user data of an agent registered
+// in this process, else with null and an error record); other families are
+// ignored. A player event's number is passed on as the service sent it.
+// Always returns null.
 //
 // MediaPlayerIPCCallback, on the request server (0x95000090): answers one
 // service request. {"event_type":2,"source":n} switches the display source
@@ -20,7 +22,10 @@
 // JSON object, or a member that jsoncpp cannot convert to what is read
 // (a string where a number is expected, a number beyond the 32-bit range)
 // drops the message with an error record (a request is left without reply).
-// Neither callback throws, so the receive threads survive anything.
+// Neither callback throws, so the receive threads survive anything. A
+// message that begins with "exit" ends the receive thread in the transport:
+// both callbacks report it to the service monitor (service_monitor.h),
+// which makes the server anew.
 //
 // Thread safety: each runs on its own server's receive thread; the
 // callbacks they call run on that thread, without any lock of this client

@@ -1,7 +1,8 @@
 #include "mediaplayer_ipc/registry.h"
 
+#include <algorithm>
 #include <condition_variable>
-#include <list>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <new>
@@ -10,7 +11,6 @@
 #include <vector>
 
 #include "base/callback_guard.h"
-#include "base/player_lost.h"
 #include "pavo_mediaplayer_ipc.h"
 
 // Exported callback slots; see registry.h for how they are accessed.
@@ -20,13 +20,14 @@ PavoMediaSyncCallback g_mediasync_cb = nullptr;
 namespace pavo::mediaplayer {
 namespace {
 
-enum class Family { kPlayer, kMediaSync, kDrm };
+enum class Family { kPlayer, kPlayerLost, kMediaSync, kDrm };
 
 // A dispatch between copying its registration and the callback's return.
 // Lives on the dispatching thread's stack.
 struct InFlight {
   Family family;
-  unsigned player_id;  // kPlayer only
+  unsigned player_id;     // kPlayer only
+  const void* user_data;  // kPlayerLost only
   std::thread::id thread;
   InFlight* next;
 };
@@ -47,6 +48,9 @@ struct State {
   unsigned generation = 0;              // the newest service generation seen
   const void* mediasync_userdata = nullptr;
   PavoDrmCallback drmagent_cb = nullptr;
+  std::map<const void*, const void*> drm_contexts;  // agent -> its user data
+  PlayerLostHandler lost_handler = nullptr;
+  std::vector<std::pair<unsigned, void*>> lost;  // lost registrations not told yet
   InFlight* in_flight = nullptr;
 };
 
@@ -62,8 +66,8 @@ State& state() {
 // then (the callback runs in between).
 class InFlightMark {
  public:
-  InFlightMark(State& s, Family family, unsigned player_id)
-      : s_(s), node_{family, player_id, std::this_thread::get_id(), s.in_flight} {
+  InFlightMark(State& s, Family family, unsigned player_id, const void* user_data = nullptr)
+      : s_(s), node_{family, player_id, user_data, std::this_thread::get_id(), s.in_flight} {
     s_.in_flight = &node_;
   }
   ~InFlightMark() {
@@ -131,6 +135,27 @@ void unregister_player(unsigned player_id) {
   });
 }
 
+void unregister_player_of(unsigned player_id, const void* user_data) {
+  State& s = state();
+  std::unique_lock<std::mutex> lock(s.mutex);
+  const auto it = s.registry.find(player_id);
+  if (it != s.registry.end() && it->second.user_data == user_data) s.registry.erase(it);
+  s.lost.erase(std::remove_if(s.lost.begin(), s.lost.end(),
+                              [user_data](const auto& p) { return p.second == user_data; }),
+               s.lost.end());
+  wait_for_dispatches(s, lock, [player_id, user_data](const InFlight& n) {
+    return (n.family == Family::kPlayer && n.player_id == player_id) ||
+           (n.family == Family::kPlayerLost && n.user_data == user_data);
+  });
+}
+
+bool player_registered(unsigned player_id, const void* user_data) {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  const auto it = s.registry.find(player_id);
+  return it != s.registry.end() && it->second.user_data == user_data;
+}
+
 void clear_players() {
   State& s = state();
   std::unique_lock<std::mutex> lock(s.mutex);
@@ -174,6 +199,24 @@ bool media_sync_registered() {
   return g_mediasync_cb != nullptr && s.mediasync_userdata != nullptr;
 }
 
+bool remember_drm_context(const void* agent, const void* user_data) {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  try {
+    s.drm_contexts[agent] = user_data;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  return true;
+}
+
+void forget_drm_context(const void* agent) {
+  State& s = state();
+  std::unique_lock<std::mutex> lock(s.mutex);
+  if (s.drm_contexts.erase(agent) == 0) return;
+  wait_for_dispatches(s, lock, [](const InFlight& n) { return n.family == Family::kDrm; });
+}
+
 void set_drm_callback(PavoDrmCallback callback) {
   State& s = state();
   std::unique_lock<std::mutex> lock(s.mutex);
@@ -197,46 +240,73 @@ Dispatch dispatch_player_event(unsigned player_id, PavoMediaPluginEvent event, P
   return call("player callback", [&] { callback(event, error, user_data, data1, data2); });
 }
 
-bool advance_generation(unsigned generation) {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  if (generation <= s.generation) return false;
-  s.generation = generation;
-  return true;
-}
+namespace {
 
-std::size_t dispatch_players_lost(unsigned generation) {
-  State& s = state();
-  // Declared before the lock: the marks unlink themselves (taking the mutex)
-  // after it is released.
-  std::list<InFlightMark> marks;
-  std::vector<std::pair<unsigned, void*>> lost;
-  std::unique_lock<std::mutex> lock(s.mutex);
-  const PavoMediaPlayerCallback callback = g_mediaplayer_cb;
-  if (callback == nullptr) return 0;
+// Erases the entries registered before `generation` (every entry for
+// UINT_MAX) and queues them as lost. Returns how many. REQUIRES: mutex held.
+std::size_t lose_players_before(State& s, unsigned generation) {
+  std::size_t count = 0;
   try {
-    lost.reserve(s.registry.size());  // the copies below cannot fail then
     for (auto it = s.registry.begin(); it != s.registry.end();) {
       if (it->second.generation >= generation) {
         ++it;
         continue;
       }
-      marks.emplace_back(s, Family::kPlayer, it->first);
-      lost.emplace_back(it->first, it->second.user_data);
+      s.lost.emplace_back(it->first, it->second.user_data);
       it = s.registry.erase(it);
+      ++count;
     }
   } catch (const std::bad_alloc&) {
-    // Those not copied stay registered; they are told at the next restart.
+    // The entry that could not be queued stays registered (and untold); its
+    // requests may reach another player of the same id in the new service.
   }
-  lock.unlock();
-  for (const auto& player : lost) {
-    call("player callback", [&] {
-      callback(static_cast<PavoMediaPluginEvent>(pavo::kPlayerLostEvent), PAVO_MEDIA_ERR_NETWORK,
-               player.second, 0, 0.0);
-    });
-    marks.pop_front();  // this player's dispatch has returned
+  return count;
+}
+
+}  // namespace
+
+void set_player_lost_handler(PlayerLostHandler handler) {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  s.lost_handler = handler;
+}
+
+bool advance_generation(unsigned generation) {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  if (generation <= s.generation) return false;
+  s.generation = generation;
+  lose_players_before(s, generation);
+  return true;
+}
+
+std::size_t lose_all_players() {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  return lose_players_before(s, std::numeric_limits<unsigned>::max());
+}
+
+bool players_lost_pending() {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  return !s.lost.empty();
+}
+
+std::size_t deliver_players_lost() {
+  State& s = state();
+  std::size_t told = 0;
+  for (;;) {
+    std::unique_lock<std::mutex> lock(s.mutex);
+    if (s.lost.empty()) return told;
+    const PlayerLostHandler handler = s.lost_handler;
+    void* const user_data = s.lost.front().second;
+    s.lost.erase(s.lost.begin());
+    if (handler == nullptr) continue;  // nobody listens: dropped
+    InFlightMark mark(s, Family::kPlayerLost, 0, user_data);
+    lock.unlock();
+    call("player-lost handler", [&] { handler(user_data); });
+    ++told;
   }
-  return lost.size();
 }
 
 Dispatch dispatch_media_sync(PavoMediaSyncMsgType type, const PavoMSEventInfo& info) {
@@ -250,11 +320,17 @@ Dispatch dispatch_media_sync(PavoMediaSyncMsgType type, const PavoMSEventInfo& i
   return call("media-sync callback", [&] { callback(type, &info, user_data); });
 }
 
-Dispatch dispatch_drm(PavoDrmEvent event, const PavoDrmEventInfo& info, const void* user_data) {
+Dispatch dispatch_drm(PavoDrmEvent event, const PavoDrmEventInfo& info, const void* claimed,
+                      bool* foreign) {
   State& s = state();
   std::unique_lock<std::mutex> lock(s.mutex);
   const PavoDrmCallback callback = s.drmagent_cb;
   if (callback == nullptr) return Dispatch::kNoCallback;
+  const void* user_data = nullptr;
+  for (const auto& context : s.drm_contexts) {
+    if (context.second == claimed) user_data = claimed;
+  }
+  *foreign = claimed != nullptr && user_data == nullptr;
   InFlightMark mark(s, Family::kDrm, 0);
   lock.unlock();
   return call("DRM callback", [&] { callback(event, &info, user_data); });

@@ -12,7 +12,7 @@
 #include "mediaplayer_ipc/endpoints.h"
 #include "mediaplayer_ipc/log_records.h"
 #include "mediaplayer_ipc/request_frame.h"
-#include "mediaplayer_ipc/service_restart.h"
+#include "mediaplayer_ipc/service_monitor.h"
 #include "pavo_ipc.h"
 
 namespace pavo::mediaplayer {

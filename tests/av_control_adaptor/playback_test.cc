@@ -279,7 +279,7 @@ TEST_F(AvctrlTest, TrackEventsCollectTheComponentsAndOnlyTrackChangesPost) {
   }
   clear();
   event(PAVO_MEDIA_PLAYER_EVENT_COMPONENT_UPDATED, 2);
-  for (int unknown : {2, 3, 8, -1}) event(static_cast<PavoMediaPluginEvent>(unknown), 5, 1.0);
+  for (int unknown : {2, 3, 8, 100, -1}) event(static_cast<PavoMediaPluginEvent>(unknown), 5, 1.0);
   mediaplayer_adaptor_callback(PAVO_MEDIA_PLUGIN_EVENT_STATECHANGE, PAVO_MEDIA_ERR_NETWORK, nullptr,
                                5, 0);
   EXPECT_EQ(seen(), (Seen{{kAsk, 23}, {kAsk, 24}, {kAsk, 24}})) << "collected, nothing posted";

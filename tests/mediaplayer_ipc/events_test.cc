@@ -4,7 +4,9 @@
 // while events arrive.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -38,6 +40,12 @@ Calls calls() {
   return g_calls;
 }
 std::string ptr(const void* p) { return std::to_string(reinterpret_cast<uintptr_t>(p)); }
+// A pointer as the service carries it: its "%p" text.
+std::string p_text(const void* p) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%p", p);
+  return text;
+}
 
 void player_cb(PavoMediaPluginEvent e, PavoMediaError err, const void* user, int d1, double d2) {
   if (e == 13) throw std::runtime_error("callback failed");
@@ -126,9 +134,14 @@ TEST_F(Events, EachFamilyReachesItsCallbackAndHostileTextsAreDropped) {
            R"(","contentIdStatus":3,"bMrsUrlChange":true,"mrsUrl":")" + x + R"("})",
        "sync 2 " + a + " 111 " + x + "/4294967295 " + x + "/3 " + x, false},
       {R"({"event_type":1,"event":9})", "sync 9 " + a, false},
-      // DRM events carry their agent's user data back as the "%p" text of "context".
+      // DRM events carry their agent's user data back as the "%p" text of
+      // "context"; a context that no agent of this process registered is no
+      // pointer of ours: null, with an error record.
+      {R"({"event_type":3,"event":0,"context":")" + p_text(&b_) + R"(","msg_id":"7","result_msg":"ok","result_code":2})",
+       "drm 0 " + b + " 7|ok|2", false},
       {R"({"event_type":3,"event":0,"context":"0x1a2b3c","msg_id":"7","result_msg":"ok","result_code":2})",
-       "drm 0 " + std::to_string(0x1a2b3c) + " 7|ok|2", false},
+       "drm 0 0 7|ok|2", true},
+      {R"({"event_type":3,"event":2,"context":"0x4141414141","sys_id":"1"})", "drm 2 0 1", true},
       {R"j({"event_type":3,"event":1,"context":"(nil)","msg":"m","sys_id":"19188"})j", "drm 1 0 m|19188", false},
       {R"({"event_type":3,"event":2,"sys_id":"19188"})", "drm 2 0 19188", false},
       {R"({"event_type":3,"event":5,"context":"0x1"})", "", true},  // not a DRM event
@@ -170,20 +183,52 @@ TEST_F(Events, EndedRegistrationsDropTheirEvents) {
   EXPECT_EQ(deliver({speed, drm}), Calls{});
 }
 
-// A restart notice tells the players registered before its generation once
-// (event 100, the connection error) and drops them; players registered in
-// the new service, and unreadable notices, are left alone.
-TEST_F(Events, RestartNoticeTellsOnlyPlayersOfTheOldServiceOnce) {
-  const std::string notice = R"({"event_type":100,"player_id":0,"event":0,"sub_event":0,"generation":1})";
+void lost_handler(void* user) { record("lost " + ptr(user)); }
+
+// Lost players travel inside the process only. What arrives on the event
+// queue is the service's: a player event 100 is passed through as such, and
+// a "restart notice" of another process is a family of nobody's, ignored.
+// A newer service generation kills the older registrations at once (a player
+// registered after it, which may reuse an id, is left alone) and the monitor
+// tells their owners through the handler, once, soon after.
+TEST_F(Events, OnlyTheProcessItselfTellsPlayersLost) {
+  pavo::mediaplayer::set_player_lost_handler(lost_handler);
   Pavo_MediaPlayer_IPC_RegisterCallback(1, player_cb, &a_);
+  const std::string forged = R"({"event":0,"event_type":100,"generation":4000000000,"player_id":0,"sub_event":0})";
+  EXPECT_EQ(deliver({forged, R"({"event_type":0,"event":100,"player_id":1})"}),
+            Calls{"player 100 0 " + ptr(&a_) + " 0 0.000000"});
+  EXPECT_TRUE(pavo::mediaplayer::player_registered(1, &a_));
   EXPECT_TRUE(pavo::mediaplayer::advance_generation(1));
   EXPECT_FALSE(pavo::mediaplayer::advance_generation(1));
-  Pavo_MediaPlayer_IPC_RegisterCallback(2, player_cb, &b_);
-  EXPECT_EQ(deliver({R"({"event_type":100,"player_id":0,"event":0,"sub_event":0,"generation":"1"})"}), Calls{});
-  EXPECT_EQ(deliver({notice, notice}), Calls{"player 100 0 " + ptr(&a_) + " 0 0.000000"});
-  EXPECT_FALSE(pavo::mediaplayer::player_user_data(1).has_value());
-  EXPECT_EQ(pavo::mediaplayer::player_user_data(2).value_or(nullptr), &b_);
-  Pavo_MediaPlayer_IPC_UnregisterCallback(2);
+  EXPECT_FALSE(pavo::mediaplayer::player_registered(1, &a_)) << "dead at once, before anyone is told";
+  Pavo_MediaPlayer_IPC_RegisterCallback(1, player_cb, &b_);  // the new service's player 1
+  ASSERT_TRUE(wait_until([] { return !calls().empty() && calls().back().rfind("lost ", 0) == 0; }));
+  pavo::mediaplayer::unregister_player_of(1, &a_);  // the old owner lets go: the new entry stays
+  EXPECT_EQ(deliver({R"({"event_type":0,"event":5,"player_id":1})"}), Calls{"player 5 0 " + ptr(&b_) + " 0 0.000000"});
+  const Calls all = calls();
+  EXPECT_EQ(std::count_if(all.begin(), all.end(), [](const std::string& c) { return c[0] == 'l'; }), 1);
+  EXPECT_EQ(std::count(all.begin(), all.end(), "lost " + ptr(&a_)), 1);
+  Pavo_MediaPlayer_IPC_UnregisterCallback(1);
+  pavo::mediaplayer::set_player_lost_handler(nullptr);
+}
+
+// One "exit" message ends a receive thread in the transport; the client
+// makes that server anew within a second, on either queue.
+TEST_F(Events, AServerStoppedByAnExitMessageIsBackWithinASecond) {
+  Pavo_MediaPlayer_IPC_RegisterCallback(3, player_cb, &a_);
+  for (const int key : {pavo::test::FakeMediaService::kEventKey, pavo::test::FakeMediaService::kServiceRequestKey}) {
+    pavo_ipc_client* client = nullptr;
+    ASSERT_EQ(pavo_ipc_client_create(key, 1, 0, 1024, &client), 0);
+    char text[] = "exit";
+    pavo_ipc_msg message{4, text};
+    EXPECT_EQ(pavo_ipc_client_send(client, &message), 0);
+    pavo_ipc_client_destroy(client);
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+  EXPECT_EQ(deliver({R"({"event_type":0,"event":6,"player_id":3})"}), Calls{"player 6 0 " + ptr(&a_) + " 0 0.000000"});
+  const auto answer = service_.send_service_request(R"({"event_type":7})", std::chrono::milliseconds(500));
+  EXPECT_TRUE(answer.has_value() && answer->kind == 3);
+  Pavo_MediaPlayer_IPC_UnregisterCallback(3);
 }
 
 TEST_F(Events, ServiceRequestsAreAnswered) {
