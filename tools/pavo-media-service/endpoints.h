@@ -9,9 +9,10 @@
 // and answer nothing. So each receive thread that ends without being asked
 // is reported once on standard error, and a watch thread makes its server
 // again at once (every 100 ms while the transport refuses). Messages that
-// arrive meanwhile wait in the queue; one read by the new receive thread
-// before its callback is registered (a window of microseconds) is answered
-// as a server without a callback answers it.
+// arrive meanwhile wait in the queue. The transport starts a receive thread
+// before its callback can be registered: a message that the new thread takes
+// in that window is handled as by a server without a callback (a request is
+// answered "no reply", and the library's call fails once).
 #ifndef PAVO_MEDIA_SERVICE_ENDPOINTS_H
 #define PAVO_MEDIA_SERVICE_ENDPOINTS_H
 
