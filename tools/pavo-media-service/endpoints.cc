@@ -118,25 +118,18 @@ void Endpoints::watch() {
   for (;;) {
     watch_wake_.wait(lock, [this] { return watch_stopping_ || requests_.ended || notices_.ended; });
     if (watch_stopping_) return;
-    for (Served* served : {&requests_, &notices_}) {
-      if (!served->ended) continue;
-      // Cleared before the new thread runs, so that its own end is not missed.
-      served->ended = false;
-      lock.unlock();
-      complain("the %s server (queue 0x%x) stopped without being asked (a one-way message beginning "
-               "with \"exit\"?); serving it again",
-               served->name, static_cast<unsigned>(served->key));
-      pavo_ipc_server_destroy(served->handle);  // its thread has ended: returns at once
-      served->handle = nullptr;
-      bool started = start_server(served);
-      while (!started) {
-        lock.lock();
-        const bool stop = watch_wake_.wait_for(lock, kRetryPause, [this] { return watch_stopping_; });
-        lock.unlock();
-        if (stop) return;
-        started = start_server(served);
-      }
-      lock.lock();
+    Served* served = requests_.ended ? &requests_ : &notices_;
+    served->ended = false;  // before the new thread runs, so that its own end is not missed
+    lock.unlock();
+    complain("the %s server (queue 0x%x) stopped without being asked (a one-way message beginning "
+             "with \"exit\"?); serving it again",
+             served->name, static_cast<unsigned>(served->key));
+    pavo_ipc_server_destroy(served->handle);  // its thread has ended: returns at once
+    served->handle = nullptr;
+    lock.lock();
+    // A new thread that ends at once waits for the lock to say so: no deadlock.
+    while (!start_server(served)) {
+      if (watch_wake_.wait_for(lock, kRetryPause, [this] { return watch_stopping_; })) return;
     }
   }
 }
