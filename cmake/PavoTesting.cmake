@@ -7,6 +7,9 @@
 #   THREADED  the program exercises threads: the ThreadSanitizer leg runs it
 #             (label "threaded").
 # Cross builds run the program under CMAKE_CROSSCOMPILING_EMULATOR.
+# AddressSanitizer builds give every test (and the programs it starts, such
+# as pavo-media-service) the LeakSanitizer suppressions of third-party
+# libraries' one-time allocations (tests/sanitizers/lsan.supp).
 
 execute_process(COMMAND unshare --ipc --net true
   RESULT_VARIABLE _pavo_unshare_rc OUTPUT_QUIET ERROR_QUIET)
@@ -15,6 +18,16 @@ if(_pavo_unshare_rc EQUAL 0)
 else()
   set(PAVO_TEST_ISOLATION OFF)
   message(STATUS "No private namespaces for tests (not root?): isolated tests run one at a time")
+endif()
+
+set(PAVO_TEST_ENVIRONMENT "")
+if(PAVO_SANITIZE MATCHES "address")
+  list(APPEND PAVO_TEST_ENVIRONMENT
+    "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/sanitizers/lsan.supp")
+endif()
+if(CMAKE_CROSSCOMPILING_EMULATOR)
+  # Lets a test skip what the emulator cannot do (see tests/support/emulation.h).
+  list(APPEND PAVO_TEST_ENVIRONMENT "PAVO_TEST_EMULATED=1")
 endif()
 
 function(pavo_test_command out_var)
@@ -43,9 +56,8 @@ function(pavo_add_test name)
   endif()
   add_test(NAME ${name} COMMAND ${cmd})
   set_tests_properties(${name} PROPERTIES LABELS "${labels}" TIMEOUT 900)
-  if(CMAKE_CROSSCOMPILING_EMULATOR)
-    # Lets a test skip what the emulator cannot do (see tests/support/emulation.h).
-    set_tests_properties(${name} PROPERTIES ENVIRONMENT "PAVO_TEST_EMULATED=1")
+  if(PAVO_TEST_ENVIRONMENT)
+    set_tests_properties(${name} PROPERTIES ENVIRONMENT "${PAVO_TEST_ENVIRONMENT}")
   endif()
   if(T_ISOLATED AND NOT PAVO_TEST_ISOLATION)
     set_tests_properties(${name} PROPERTIES RESOURCE_LOCK pavo_fixed_keys_and_port)

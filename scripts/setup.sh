@@ -22,9 +22,11 @@ apt_get() { "${sudo_cmd[@]}" env DEBIAN_FRONTEND=noninteractive apt-get "$@"; }
 host_pkgs=(cmake make g++ pkg-config libjsoncpp-dev libgtest-dev libgmock-dev libbenchmark-dev
            clang libclang-rt-dev util-linux iproute2)
 # The GStreamer engine of pavo-media-service and its generated test media (VP8 and Vorbis
-# in Matroska: encoders and decoders of plugins-base and plugins-good).
+# in Matroska: encoders and decoders of plugins-base and plugins-good); plugins-bad, -ugly
+# and libav for the formats of real broadcasters' streams (H.264, AAC, DASH, HLS).
 host_pkgs+=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base
-            gstreamer1.0-plugins-good gstreamer1.0-tools)
+            gstreamer1.0-plugins-good gstreamer1.0-tools gstreamer1.0-plugins-bad
+            gstreamer1.0-plugins-ugly gstreamer1.0-libav)
 arm_pkgs=(g++-arm-linux-gnueabihf qemu-user libjsoncpp-dev:armhf libgtest-dev:armhf libgmock-dev:armhf)
 
 missing() {

@@ -142,9 +142,11 @@ std::string usage_text() {
       "                  on standard error by default) to file F\n"
       "  --help          this text\n"
       "\n"
-      "Script: one step per line, words separated by blanks, '#' starts a comment.\n"
-      "The whole script is checked before the first step runs. T is a time-out in\n"
-      "ms (default --timeout). A step that fails prints why and ends the session.\n"
+      "Script: one step per line, words separated by blanks. A '#' at the start of\n"
+      "a word begins a comment to the end of the line, unless a digit follows it\n"
+      "('#1' is a component's position). The whole script is checked before the\n"
+      "first step runs. T is a time-out in ms (default --timeout). A step that\n"
+      "fails prints why and ends the session.\n"
       "\n";
   for (const VerbRule& row : verb_table()) {
     const std::string usage = row.usage;
@@ -161,7 +163,9 @@ std::string usage_text() {
       "     0.215  event  play state -> playing\n"
       "\n"
       "Exit status: 0 every step succeeded; 1 a step failed; 2 bad command line or\n"
-      "script (nothing was sent); 3 no media-player service answers; 130 interrupted.\n";
+      "script (nothing was sent); 3 no media-player service answers (at the start,\n"
+      "or a step failed and the service has ended or stopped answering since);\n"
+      "130 interrupted.\n";
   return text;
 }
 

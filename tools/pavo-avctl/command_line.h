@@ -15,7 +15,7 @@ enum ExitCode : int {
   kExitOk = 0,
   kExitStepFailed = 1,  // a step failed (or the stream ended in an error)
   kExitUsage = 2,       // bad command line or script; nothing was sent
-  kExitNoService = 3,   // no media-player service answers
+  kExitNoService = 3,   // no media-player service answers (at the start, or after a failed step)
   kExitInterrupted = 130,
 };
 

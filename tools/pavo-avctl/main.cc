@@ -63,6 +63,21 @@ bool redirect_media_log(const std::string& path, std::string& error) {
   return true;
 }
 
+// Whether a media-player service answers a request now, asked through an
+// object of its own: the session's object may have lost its player with a
+// service that ended, and then fails every request without asking anyone.
+// Prompt when no service runs (the library notices an ended or silent
+// service without waiting out its reply bound). REQUIRES: the library is
+// started.
+bool service_answers() {
+  void* probe = nullptr;
+  if (Pavo_AVCtrl_Create(nullptr, &probe) != 0 || probe == nullptr) return false;
+  bool full_screen = false;
+  const int result = Pavo_AVCtrl_GetFullScreen(probe, &full_screen);
+  Pavo_AVCtrl_Destroy(probe);
+  return result == 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -118,7 +133,18 @@ int main(int argc, char** argv) {
         step.line > 0 ? source + ":" + std::to_string(step.line) + ": " : std::string();
     timeline.line("FAIL", where + step.text() + ": " + error);
     std::fprintf(g_errors, "pavo-avctl: %s%s: %s\n", where.c_str(), step.text().c_str(), error.c_str());
-    status = stop_requested() ? kExitInterrupted : kExitStepFailed;
+    if (stop_requested()) {
+      status = kExitInterrupted;
+    } else if (service_answers()) {
+      status = kExitStepFailed;
+    } else {
+      // The step failed because the service ended or stopped answering (the
+      // library tells the object so with the error state, connection error).
+      const std::string gone = "no media-player service answers any more";
+      timeline.line("FAIL", gone);
+      std::fprintf(g_errors, "pavo-avctl: %s\n", gone.c_str());
+      status = kExitNoService;
+    }
     break;
   }
   session.close();

@@ -1,5 +1,6 @@
 #include "pavo-avctl/script.h"
 
+#include <cctype>
 #include <cmath>
 #include <cstdlib>
 #include <sstream>
@@ -62,6 +63,20 @@ bool check_component_choice(const Step& step, std::string& error) {
     return false;
   }
   return true;
+}
+
+// Where the comment of `line` begins (npos: it has none). A '#' begins a
+// comment only where it begins a word (at the start of the line or after a
+// blank) and no digit follows it: "#1" names a component by its position
+// ("select audio #1"), and a '#' inside a word ("http://host/page#part")
+// belongs to the word.
+std::size_t comment_start(const std::string& line) {
+  for (std::size_t i = line.find('#'); i != std::string::npos; i = line.find('#', i + 1)) {
+    const bool begins_word = i == 0 || std::isspace(static_cast<unsigned char>(line[i - 1])) != 0;
+    const bool position = i + 1 < line.size() && std::isdigit(static_cast<unsigned char>(line[i + 1])) != 0;
+    if (begins_word && !position) return i;
+  }
+  return std::string::npos;
 }
 
 bool check_drm(const Step& step, std::string& error) {
@@ -186,8 +201,8 @@ bool parse_script(const std::string& text, std::vector<Step>& steps, std::string
   std::istringstream lines(text);
   std::string line;
   for (int number = 1; std::getline(lines, line); ++number) {
-    const std::size_t hash = line.find('#');
-    if (hash != std::string::npos) line.erase(hash);
+    const std::size_t comment = comment_start(line);
+    if (comment != std::string::npos) line.erase(comment);
     std::istringstream words(line);
     Step step;
     step.line = number;

@@ -13,8 +13,10 @@
 
 namespace pavo::avctl {
 
-// One step: a verb and its words. Lines of a script are split at blanks;
-// "#" starts a comment anywhere on a line.
+// One step: a verb and its words. Lines of a script are split at blanks. A
+// "#" that begins a word starts a comment that runs to the end of the line,
+// unless a digit follows it ("#1", a component's position, is a word); a "#"
+// inside a word is part of it.
 struct Step {
   int line = 0;  // 1-based line of the script; 0 for steps made from options
   std::string verb;

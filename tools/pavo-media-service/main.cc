@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <new>
 #include <string>
@@ -30,6 +31,12 @@ pavo_ipc_msg* on_request(pavo_ipc_msg* message, void* user) {
   auto* served = static_cast<Served*>(user);
   const char* data = message == nullptr ? nullptr : message->data;
   const std::size_t len = message == nullptr ? 0 : message->len;
+  // The transport's stop word is never a request: it gets no answer. Sent
+  // one-way (which ends the receive thread, see endpoints.h), an answer would
+  // be neither sent nor released by the transport; other one-way messages on
+  // this queue still cost their answer's memory, as a callback cannot tell
+  // them from requests.
+  if (len >= 4 && std::strncmp(data, "exit", 4) == 0) return nullptr;
   const std::string reply = served->service->handle_request(data, len);
   if (!served->faults->before_reply(data, len)) return nullptr;
   // Record with new and text with malloc, as the transport releases them.

@@ -39,17 +39,22 @@ void Service::start() {
 
 void Service::stop() {
   {
+    std::lock_guard<std::mutex> lock(out_mu_);
+    sender_stopping_ = true;
+  }
+  out_ready_.notify_all();
+  {
     std::lock_guard<std::mutex> lock(mu_);
     stopping_ = true;
   }
   wake_.notify_all();
   if (clock_.joinable()) clock_.join();
-  {
-    std::lock_guard<std::mutex> lock(out_mu_);
-    sender_stopping_ = true;
-  }
-  out_ready_.notify_all();
   if (sender_.joinable()) sender_.join();
+  // A library that reads no events would cost every waiting event the
+  // transport's whole resend policy: stopping gives them up instead.
+  std::lock_guard<std::mutex> lock(out_mu_);
+  if (!outgoing_.empty()) complain("stopping: %zu event(s) not sent", outgoing_.size());
+  outgoing_.clear();
 }
 
 void Service::send(Outbox* out) {
@@ -80,7 +85,7 @@ void Service::run_sender() {
   std::unique_lock<std::mutex> lock(out_mu_);
   for (;;) {
     out_ready_.wait(lock, [this] { return sender_stopping_ || !outgoing_.empty(); });
-    if (outgoing_.empty()) return;  // stopping, and everything was sent
+    if (sender_stopping_) return;  // stop() gives up what still waits
     const std::string text = std::move(outgoing_.front());
     outgoing_.pop_front();
     lock.unlock();

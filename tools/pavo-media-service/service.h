@@ -36,8 +36,11 @@ class Service {
 
   // Starts the clock and sender threads. Idempotent.
   void start();
-  // Stops and joins the clock thread, then the sender once it has sent (or
-  // failed to send) what was put out before. Idempotent.
+  // Stops and joins the clock and sender threads. Events that still wait to
+  // be sent are given up (with a complaint saying how many): with a library
+  // that reads no events each would cost the transport's resend policy
+  // (about a quarter of a second). Returns within that time plus a clock
+  // step. Idempotent.
   void stop();
 
   // Answers one request: the reply text (always a JSON object with "ret").
