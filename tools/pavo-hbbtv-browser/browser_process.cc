@@ -94,15 +94,18 @@ bool BrowserProcess::start(const BrowserSettings& settings, int& write_fd, int& 
   }
   if (pid == 0) {
     // The child: its own process group (so that its helpers end with it),
-    // the pipe on 3 and 4, standard output to standard error (the browser's
-    // chatter stays off our timeline), then the browser.
+    // the pipe on 3 and 4, its chatter (D-Bus, GPU probing) to /dev/null so
+    // that the timeline stays readable, then the browser.
     ::setpgid(0, 0);
     const int in = ::fcntl(to_browser[0], F_DUPFD, 10);
     const int out = ::fcntl(from_browser[1], F_DUPFD, 10);
     if (in < 0 || out < 0 || ::dup2(in, 3) < 0 || ::dup2(out, 4) < 0) ::_exit(127);
-    ::dup2(STDERR_FILENO, STDOUT_FILENO);
-    const int devnull = ::open("/dev/null", O_RDONLY);
-    if (devnull >= 0) ::dup2(devnull, STDIN_FILENO);
+    const int devnull = ::open("/dev/null", O_RDWR);
+    if (devnull >= 0) {
+      ::dup2(devnull, STDIN_FILENO);
+      ::dup2(devnull, STDOUT_FILENO);
+      ::dup2(devnull, STDERR_FILENO);
+    }
     ::execv(argv[0], argv.data());
     ::_exit(127);
   }

@@ -71,6 +71,27 @@ bool decode_base64(const std::string& in, std::string& out) {
   return true;
 }
 
+std::string encode_base64(const std::string& in) {
+  static const char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string out;
+  out.reserve((in.size() + 2) / 3 * 4);
+  std::size_t i = 0;
+  for (; i + 2 < in.size(); i += 3) {
+    const unsigned v = (static_cast<unsigned char>(in[i]) << 16) | (static_cast<unsigned char>(in[i + 1]) << 8) |
+                       static_cast<unsigned char>(in[i + 2]);
+    for (int shift : {18, 12, 6, 0}) out.push_back(kDigits[(v >> shift) & 63]);
+  }
+  if (i < in.size()) {
+    unsigned v = static_cast<unsigned char>(in[i]) << 16;
+    if (i + 1 < in.size()) v |= static_cast<unsigned char>(in[i + 1]) << 8;
+    out.push_back(kDigits[(v >> 18) & 63]);
+    out.push_back(kDigits[(v >> 12) & 63]);
+    out.push_back(i + 1 < in.size() ? kDigits[(v >> 6) & 63] : '=');
+    out.push_back('=');
+  }
+  return out;
+}
+
 // The text of a console call's arguments.
 std::string console_text(const Json::Value& args) {
   std::string text;
@@ -254,8 +275,23 @@ void Run::on_request_paused(const Json::Value& params) {
     content["value"] = "application/xhtml+xml" + (type.find(';') == std::string::npos ? "" : type.substr(type.find(';')));
     headers.append(content);
     answer["responseHeaders"] = headers;
-    if (params["responseStatusCode"].isInt()) answer["responseCode"] = params["responseStatusCode"];
-    devtools_->send("Fetch.continueResponse", answer, session_);
+    answer["responseCode"] = params["responseStatusCode"].isInt() ? params["responseStatusCode"].asInt() : 200;
+    // The body is fulfilled anew under the new type (continuing the response
+    // with changed headers still counts as a download).
+    Json::Value body_request;
+    body_request["requestId"] = params["requestId"];
+    devtools_->send("Fetch.getResponseBody", body_request, session_,
+                    [this, answer](const Json::Value& result, const std::string& error) mutable {
+                      if (!error.empty()) {
+                        Json::Value go_on;
+                        go_on["requestId"] = answer["requestId"];
+                        devtools_->send("Fetch.continueRequest", go_on, session_);
+                        return;
+                      }
+                      const std::string body = result["body"].asString();
+                      answer["body"] = result["base64Encoded"].asBool() ? body : encode_base64(body);
+                      devtools_->send("Fetch.fulfillRequest", answer, session_);
+                    });
     return;
   }
   if (params["frameId"].asString() != target_ &&

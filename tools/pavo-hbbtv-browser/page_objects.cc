@@ -40,6 +40,7 @@ struct PageObjects::AvObject {
   void* handle = nullptr;
   int generation = 0;      // the page's item generation last named in a call
   bool accepting = false;  // an item is loaded: its events go to the page
+  bool started = false;    // the item has gone beyond connecting
   int state = PAVO_AVCTRL_PLAYSTATE_STOPPED;
   double speed = 0;
   double position = 0;
@@ -196,17 +197,19 @@ void PageObjects::flush() {
   for (auto& [context, list] : outbox) deliver_(context, Json::writeString(writer, list));
 }
 
-void PageObjects::note_call(const std::string& text) {
+void PageObjects::note(const char* tag, const std::string& text) {
   // A page that calls thousands of times a second gets a summary line, not
-  // thousands of lines.
+  // thousands of lines (objects made and destroyed are always shown).
   const auto now = Clock::now();
   if (now - note_second_ >= std::chrono::seconds(1)) {
-    if (notes_skipped_ > 0) timeline_.line("call", std::to_string(notes_skipped_) + " more calls not shown");
+    if (notes_skipped_ > 0) {
+      timeline_.line("info", std::to_string(notes_skipped_) + " more calls and events not shown");
+    }
     note_second_ = now;
     notes_this_second_ = 0;
     notes_skipped_ = 0;
   }
-  if (++notes_this_second_ <= 50) timeline_.line("call", text);
+  if (++notes_this_second_ <= 100) timeline_.line(tag, text);
   else ++notes_skipped_;
 }
 
@@ -240,7 +243,7 @@ void PageObjects::handle_call(int context, const std::string& payload) {
     if (!reader->parse(payload.data(), payload.data() + payload.size(), &call, &errors) || !call.isObject() ||
         !call["k"].isString() || !call["m"].isString() || !call["o"].isInt() || !call["g"].isInt() ||
         !call["a"].isArray() || call["a"].size() > 8) {
-      note_call("malformed call from the page ignored");
+      note("call", "malformed call from the page ignored");
       return;
     }
     const std::string kind = call["k"].asString();
@@ -251,7 +254,7 @@ void PageObjects::handle_call(int context, const std::string& payload) {
     else if (kind == "drm") drm_call(context, id, method, call["a"]);
     else if (kind == "terminal" && method == "subtitles" && call["a"].size() == 1 && call["a"][0].isBool()) {
       const bool on = call["a"][0].asBool();
-      note_call(std::string("configuration.subtitlesEnabled = ") + (on ? "true" : "false") +
+      note("call", std::string("configuration.subtitlesEnabled = ") + (on ? "true" : "false") +
                 " -> Pavo_Platform_SubtitleEnable " + std::to_string(Pavo_Platform_SubtitleEnable(on)));
     }
     flush();
@@ -295,7 +298,7 @@ bool PageObjects::ensure_player(AvObject& object) {
   }
   void* handle = nullptr;
   const int made = Pavo_AVCtrl_Create(nullptr, &handle);
-  note_call(name + ": Pavo_AVCtrl_Create " + std::to_string(made));
+  timeline_.line("call", name + ": Pavo_AVCtrl_Create " + std::to_string(made));
   if (made != 0 || handle == nullptr) return false;
   Pavo_AVCtrl_RegisterCallback(handle, on_av_callback, serial_data(object.serial));
   object.handle = handle;
@@ -309,7 +312,7 @@ void PageObjects::destroy_player(AvObject& object) {
   // `accepting` drops.
   Pavo_AVCtrl_UnregisterCallback(object.handle);
   const int result = Pavo_AVCtrl_Destroy(object.handle);
-  note_call("av" + std::to_string(object.id) + ": Pavo_AVCtrl_Destroy " + std::to_string(result));
+  timeline_.line("call", "av" + std::to_string(object.id) + ": Pavo_AVCtrl_Destroy " + std::to_string(result));
   object.handle = nullptr;
   object.accepting = false;
   object.state = PAVO_AVCTRL_PLAYSTATE_STOPPED;
@@ -325,7 +328,7 @@ void PageObjects::av_call(int context, int id, int generation, const std::string
   auto result = [&](const char* function, int r) { return std::string(function) + " " + std::to_string(r); };
 
   if (method == "release") {
-    if (object->handle != nullptr) note_call(name + ".release()");
+    if (object->handle != nullptr) note("call", name + ".release()");
     destroy_player(*object);
     return;
   }
@@ -335,7 +338,7 @@ void PageObjects::av_call(int context, int id, int generation, const std::string
     object->state = PAVO_AVCTRL_PLAYSTATE_STOPPED;
     object->components_read = false;
     if (object->handle == nullptr) return;
-    note_call(name + ".stop() -> " + result("Pavo_AVCtrl_Stop", Pavo_AVCtrl_Stop(object->handle)));
+    note("call", name + ".stop() -> " + result("Pavo_AVCtrl_Stop", Pavo_AVCtrl_Stop(object->handle)));
     return;
   }
   if (method == "play") {
@@ -348,6 +351,7 @@ void PageObjects::av_call(int context, int id, int generation, const std::string
       const std::optional<std::string> url = text_arg(args, 1, kMaxUrl);
       if (!url || url->empty()) return;
       object->accepting = true;
+      object->started = false;
       object->components_read = false;
       object->components = Json::Value(Json::arrayValue);
       object->error = PAVO_AVCTRL_ERROR_NONE;
@@ -365,7 +369,7 @@ void PageObjects::av_call(int context, int id, int generation, const std::string
     }
     if (*speed == 0) text += " " + result("Pavo_AVCtrl_Pause", Pavo_AVCtrl_Pause(object->handle));
     else text += " " + result("Pavo_AVCtrl_Play", Pavo_AVCtrl_Play(object->handle, *speed));
-    note_call(text);
+    note("call", text);
     return;
   }
   if (object->handle == nullptr) {
@@ -383,15 +387,15 @@ void PageObjects::av_call(int context, int id, int generation, const std::string
     const double target = std::max(0.0, *ms);  // a negative seek goes to the start
     if (object->state == PAVO_AVCTRL_PLAYSTATE_CONNECTING || object->state == PAVO_AVCTRL_PLAYSTATE_STOPPED) {
       object->pending_seek = target;  // applied when playback has begun
-      note_call(name + ".seek(" + std::to_string(static_cast<long long>(target)) + ") held until playback");
+      note("call", name + ".seek(" + std::to_string(static_cast<long long>(target)) + ") held until playback");
       return;
     }
-    note_call(name + ".seek(" + std::to_string(static_cast<long long>(target)) + ") -> " +
+    note("call", name + ".seek(" + std::to_string(static_cast<long long>(target)) + ") -> " +
               result("Pavo_AVCtrl_Seek", Pavo_AVCtrl_Seek(object->handle, target)));
   } else if (method == "fullscreen") {
     if (args.size() != 1 || !args[0].isBool()) return;
     const bool full = args[0].asBool();
-    note_call(name + ".setFullScreen(" + (full ? "true" : "false") + ") -> " +
+    note("call", name + ".setFullScreen(" + (full ? "true" : "false") + ") -> " +
               result("Pavo_AVCtrl_SetFullScreen", Pavo_AVCtrl_SetFullScreen(object->handle, full)));
   } else if (method == "window") {
     PavoRect rect{};
@@ -403,17 +407,17 @@ void PageObjects::av_call(int context, int id, int generation, const std::string
     }
     char text[128];
     std::snprintf(text, sizeof text, "%s window %d,%d %dx%d -> ", name.c_str(), rect.x, rect.y, rect.w, rect.h);
-    note_call(text + result("Pavo_AVCtrl_UpdateWindow", Pavo_AVCtrl_UpdateWindow(object->handle, &rect)));
+    note("call", text + result("Pavo_AVCtrl_UpdateWindow", Pavo_AVCtrl_UpdateWindow(object->handle, &rect)));
   } else if (method == "queue") {
     if (args.size() == 1 && args[0].isNull()) {
       object->queue.clear();
-      note_call(name + ".queue(null)");
+      note("call", name + ".queue(null)");
       return;
     }
     const std::optional<std::string> url = text_arg(args, 0, kMaxUrl);
     if (!url || object->queue.size() >= kMaxQueuedItems) return;
     object->queue.push_back(*url);
-    note_call(name + ".queue(" + short_text(*url) + ")");
+    note("call", name + ".queue(" + short_text(*url) + ")");
   } else if (method == "select" || method == "unselect") {
     const std::optional<double> type = number_arg(args, 0);
     const std::optional<double> index = number_arg(args, 1);
@@ -426,7 +430,7 @@ void PageObjects::av_call(int context, int id, int generation, const std::string
     const int i = static_cast<int>(*index);
     const int r = method == "select" ? Pavo_AVCtrl_SelectComponent(object->handle, t, i)
                                      : Pavo_AVCtrl_UnselectComponent(object->handle, t, i);
-    note_call(name + "." + method + "Component(" + plugin::component_type_text(t) + " #" + std::to_string(i) +
+    note("call", name + "." + method + "Component(" + plugin::component_type_text(t) + " #" + std::to_string(i) +
               ") -> " + std::to_string(r));
   }
 }
@@ -441,13 +445,13 @@ void PageObjects::select_default(AvObject& object, int type, bool select) {
   const std::string name = "av" + std::to_string(object.id);
   for (const plugin::Component& c : list) {
     if (select) {
-      note_call(name + ".selectComponent(" + plugin::component_type_text(t) + ") -> default #" +
+      note("call", name + ".selectComponent(" + plugin::component_type_text(t) + ") -> default #" +
                 std::to_string(c.track.index) + " " +
                 std::to_string(Pavo_AVCtrl_SelectComponent(object.handle, t, c.track.index)));
       return;
     }
     if (!c.track.activated) continue;
-    note_call(name + ".unselectComponent(" + plugin::component_type_text(t) + ") -> #" +
+    note("call", name + ".unselectComponent(" + plugin::component_type_text(t) + ") -> #" +
               std::to_string(c.track.index) + " " +
               std::to_string(Pavo_AVCtrl_UnselectComponent(object.handle, t, c.track.index)));
   }
@@ -500,13 +504,18 @@ Json::Value PageObjects::snapshot(AvObject& object, bool with_components) {
 void PageObjects::on_av_event(AvObject& object, const plugin::AvEvent& event) {
   const std::string name = "av" + std::to_string(object.id);
   if (!object.accepting || object.handle == nullptr) return;  // an item the page ended
-  timeline_.line("event", name + ": " + plugin::describe(event));
   Json::Value m;
   m["o"] = object.id;
   m["g"] = object.generation;
   bool with_components = false;
   switch (event.event) {
     case PAVO_AVCTRL_EVENT_PLAYSTATECHANGE: {
+      // The service's report of the stop that ended the page's previous
+      // item may come after the next item's load: a stop before the new
+      // item got going is that report (the page's own stops end the item
+      // on the page's side at once).
+      if (event.int_value == PAVO_AVCTRL_PLAYSTATE_STOPPED && !object.started) return;
+      if (event.int_value != PAVO_AVCTRL_PLAYSTATE_CONNECTING) object.started = true;
       object.state = event.int_value;
       m["e"] = "state";
       if (object.state == PAVO_AVCTRL_PLAYSTATE_ERROR) {
@@ -546,6 +555,7 @@ void PageObjects::on_av_event(AvObject& object, const plugin::AvEvent& event) {
   }
   m["s"] = snapshot(object, with_components);
   send(object.context, std::move(m));
+  note("event", name + ": " + plugin::describe(event));
 
   // What the plug-in does on its own after a state change.
   if (event.event != PAVO_AVCTRL_EVENT_PLAYSTATECHANGE) return;
@@ -553,17 +563,18 @@ void PageObjects::on_av_event(AvObject& object, const plugin::AvEvent& event) {
       (object.state == PAVO_AVCTRL_PLAYSTATE_PLAYING || object.state == PAVO_AVCTRL_PLAYSTATE_PAUSED)) {
     const double target = *object.pending_seek;
     object.pending_seek.reset();
-    note_call(name + ": held seek(" + std::to_string(static_cast<long long>(target)) + ") -> Pavo_AVCtrl_Seek " +
+    note("call", name + ": held seek(" + std::to_string(static_cast<long long>(target)) + ") -> Pavo_AVCtrl_Seek " +
               std::to_string(Pavo_AVCtrl_Seek(object.handle, target)));
   }
   if (object.state == PAVO_AVCTRL_PLAYSTATE_FINISHED && !object.queue.empty()) {
     const std::string next = object.queue.front();
     object.queue.pop_front();
+    object.started = false;
     object.components_read = false;
     object.duration = 0;
     object.position = 0;
     const int loaded = Pavo_AVCtrl_Load(object.handle, next.c_str());
-    note_call(name + ": queued item " + short_text(next) + " -> Pavo_AVCtrl_Load " + std::to_string(loaded) +
+    note("call", name + ": queued item " + short_text(next) + " -> Pavo_AVCtrl_Load " + std::to_string(loaded) +
               ", Pavo_AVCtrl_Play " + std::to_string(Pavo_AVCtrl_Play(object.handle, 1.0)));
   }
 }
@@ -593,7 +604,7 @@ void PageObjects::drm_call(int context, int id, const std::string& method, const
     if (drm_.size() >= 64) return;
     void* agent = nullptr;
     const int made = Pavo_DrmAgent_Create(&agent);
-    note_call(name + ": Pavo_DrmAgent_Create " + std::to_string(made));
+    timeline_.line("call", name + ": Pavo_DrmAgent_Create " + std::to_string(made));
     if (made != 0 || agent == nullptr) return;
     object = new DrmObject();
     object->serial = next_serial_++;
@@ -616,7 +627,7 @@ void PageObjects::drm_call(int context, int id, const std::string& method, const
     char msg_id[65] = {};
     const int r = Pavo_DrmAgent_sendDRMMessage(object->agent, type->c_str(), msg->c_str(), system->c_str(), msg_id,
                                                sizeof msg_id - 1);
-    note_call(name + ".sendDRMMessage(" + short_text(*type) + ", " + short_text(*system) + ") -> " + *page_id +
+    note("call", name + ".sendDRMMessage(" + short_text(*type) + ", " + short_text(*system) + ") -> " + *page_id +
               ", Pavo_DrmAgent_sendDRMMessage " + std::to_string(r) + " (id \"" + msg_id + "\")");
     if (r == 0) {
       drm_messages_[msg_id] = {object->serial, *page_id};
@@ -636,7 +647,7 @@ void PageObjects::drm_call(int context, int id, const std::string& method, const
     int status = 1;
     const int r = Pavo_DrmAgent_DRMSystemStatus(object->agent, first->c_str(), &status);
     if (r != 0) status = 1;
-    note_call(name + ".DRMSystemStatus(" + short_text(*first) + ") -> " + std::to_string(status) + " (" +
+    note("call", name + ".DRMSystemStatus(" + short_text(*first) + ") -> " + std::to_string(status) + " (" +
               plugin::drm_status_name(status) + ")");
     answer["e"] = "answer";
     answer["key"] = "status|" + *first;
@@ -649,19 +660,19 @@ void PageObjects::drm_call(int context, int id, const std::string& method, const
     const int r = method == "play"
                       ? Pavo_DrmAgent_canPlayContent(object->agent, first->c_str(), system->c_str(), &allowed)
                       : Pavo_DrmAgent_canRecordContent(object->agent, first->c_str(), system->c_str(), &allowed);
-    note_call(name + ".can" + (method == "play" ? "Play" : "Record") + "Content(" + short_text(*system) + ") -> " +
+    note("call", name + ".can" + (method == "play" ? "Play" : "Record") + "Content(" + short_text(*system) + ") -> " +
               (r == 0 && allowed ? "true" : "false"));
     answer["e"] = "answer";
     answer["key"] = method + "|" + *first + "|" + *system;
     answer["v"] = r == 0 && allowed;
     send(context, std::move(answer));
   } else if (method == "active") {
-    note_call(name + ".setActiveDRM(" + short_text(*first) + ")");
+    note("call", name + ".setActiveDRM(" + short_text(*first) + ")");
   }
 }
 
 void PageObjects::on_drm_event(uint64_t serial, const plugin::DrmEvent& event) {
-  timeline_.line("event", "drm: " + plugin::describe(event));
+  note("event", "drm: " + plugin::describe(event));
   uint64_t target = serial;
   Json::Value m;
   if (event.event == PAVO_DRM_EVENT_MESSAGE_RESULT) {
@@ -709,7 +720,7 @@ void PageObjects::context_gone(int context) {
       continue;
     }
     Pavo_DrmAgent_UnregisterCallback(it->second->agent);
-    note_call("drm" + std::to_string(it->second->id) + ": Pavo_DrmAgent_Destroy " +
+    timeline_.line("call", "drm" + std::to_string(it->second->id) + ": Pavo_DrmAgent_Destroy " +
               std::to_string(Pavo_DrmAgent_Destroy(it->second->agent)));
     drm_by_serial_.erase(it->second->serial);
     delete it->second;

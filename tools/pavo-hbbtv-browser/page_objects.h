@@ -89,7 +89,8 @@ class PageObjects {
   Json::Value snapshot(AvObject& object, bool with_components);
   void send(int context, Json::Value message);
   void flush();
-  void note_call(const std::string& text);
+  // A timeline line, at most 100 a second (the rest counted).
+  void note(const char* tag, const std::string& text);
   bool admit(int context);
   void select_default(AvObject& object, int type, bool select);
 

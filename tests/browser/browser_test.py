@@ -1,0 +1,165 @@
+#!/usr/bin/env python3
+"""HbbTV pages in headless Chromium through pavo-hbbtv-browser, against
+pavo-media-service (model engine). Each page reports its own verdict by
+navigating to #pass or #fail:<why>; this program serves the pages on
+127.0.0.1, runs the browser program once per page and reads its timeline.
+Beside the pages' own checks it checks what only the program's side can
+see: exit statuses, no player left in the service, no browser process or
+profile directory left behind, a clean end on SIGTERM.
+
+Usage: browser_test.py BROWSER_PROGRAM MEDIA_SERVICE PAGES_DIR
+(run in private IPC and network namespaces: the queue keys are fixed).
+"""
+import functools
+import http.server
+import os
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+PROGRAM, SERVICE, PAGES = sys.argv[1:4]
+failures = []
+
+
+def fail(case, why, output=''):
+    failures.append(case)
+    print(f'FAIL {case}: {why}')
+    if output:
+        print('\n'.join('    ' + line for line in output.splitlines()[-60:]))
+
+
+class Pages(http.server.SimpleHTTPRequestHandler):
+    extensions_map = dict(http.server.SimpleHTTPRequestHandler.extensions_map,
+                          **{'.xhtml': 'application/vnd.hbbtv.xhtml+xml', '.js': 'text/javascript'})
+
+    def log_message(self, *args):
+        pass
+
+
+def start_server():
+    handler = functools.partial(Pages, directory=PAGES)
+    server = http.server.ThreadingHTTPServer(('127.0.0.1', 0), handler)
+    threading.Thread(target=server.serve_forever, daemon=True).start()
+    return server
+
+
+def start_service(log):
+    service = subprocess.Popen([SERVICE, '--time-scale', '10', '--verbose'], stdout=log, stderr=subprocess.STDOUT)
+    for _ in range(100):
+        with open(log.name) as f:
+            if 'pavo-media-service: ready' in f.read():
+                return service
+        time.sleep(0.05)
+    raise SystemExit('pavo-media-service did not start')
+
+
+def leftovers(tmp):
+    """Profile directories and processes that still name the run's TMPDIR."""
+    found = [os.path.join(tmp, d) for d in os.listdir(tmp)]
+    for pid in filter(str.isdigit, os.listdir('/proc')):
+        try:
+            with open(f'/proc/{pid}/cmdline', 'rb') as f:
+                if tmp.encode() in f.read():
+                    found.append('process ' + pid)
+        except OSError:
+            pass
+    return found
+
+
+def run(args, stop_after=None, timeout=60):
+    """Runs the program in a fresh TMPDIR; returns (status, output, leftovers)."""
+    with tempfile.TemporaryDirectory() as tmp:
+        env = dict(os.environ, TMPDIR=tmp)
+        process = subprocess.Popen([PROGRAM] + args, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                                   text=True, env=env)
+        if stop_after is not None:
+            time.sleep(stop_after)
+            process.send_signal(signal.SIGTERM)
+        try:
+            output, _ = process.communicate(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            output, _ = process.communicate()
+            return None, output, []
+        time.sleep(0.2)
+        return process.returncode, output, leftovers(tmp)
+
+
+def players_balanced(output, before=None, at_least=0):
+    """Every Pavo_AVCtrl_Create answered by a Pavo_AVCtrl_Destroy (up to the line matching `before`)."""
+    if before is not None:
+        match = re.search(before, output, re.M)
+        output = output[:match.start()] if match else output
+    made = len(re.findall(r'Pavo_AVCtrl_Create 0', output))
+    gone = len(re.findall(r'Pavo_AVCtrl_Destroy 0', output))
+    return made >= at_least and made == gone, f'{made} made, {gone} destroyed'
+
+
+# page, extra options, a check of the timeline beyond the page's verdict
+CASES = [
+    ('walkthrough.html', ['--keys', 'RED', '--cookie', 'session=abc'],
+     lambda out: (re.search(r'key +RED \(403\)', out) is not None, 'RED key sent')),
+    ('errors.html', [], None),
+    ('components.html', [], None),
+    ('reload.html', [], None),
+    ('drm.xhtml', [], lambda out: (re.search(r'sendDRMMessage.*Pavo_DrmAgent_sendDRMMessage 0', out) is not None,
+                                   'sent through the library')),
+    ('lifecycle.html', [], lambda out: players_balanced(out, r'nav +\S*lifecycle-next', 4)),
+    ('hostile.html', [], lambda out: (re.search(r'dropped \d+ calls|more calls and events not shown', out) is not None,
+                                      'the flood was limited')),
+]
+
+
+def main():
+    status, _, _ = run(['--bad-option', 'x'])
+    if status != 2:
+        fail('command line', f'exit {status}, wanted 2')
+    status, output, _ = run(['--for', '1', 'about:blank'])
+    if status != 3:
+        fail('no service', f'exit {status}, wanted 3', output)
+
+    server = start_server()
+    base = f'http://127.0.0.1:{server.server_address[1]}/'
+    with tempfile.NamedTemporaryFile('w+', suffix='.log') as log:
+        service = start_service(log)
+        try:
+            for page, options, extra in CASES:
+                started = time.monotonic()
+                status, output, left = run(options + ['--until-url', '#(pass|fail)', '--for', '40', base + page])
+                verdict = re.search(r'nav +\S*#(pass|fail\S*)', output or '')
+                took = time.monotonic() - started
+                if status != 0 or not verdict or verdict.group(1) != 'pass':
+                    fail(page, f'exit {status}, verdict {verdict.group(1) if verdict else None}', output)
+                    continue
+                for ok, what in [players_balanced(output), extra(output) if extra else (True, '')]:
+                    if not ok:
+                        fail(page, what, output)
+                if left:
+                    fail(page, f'left behind: {left}')
+                print(f'ok   {page} ({took:.1f} s)')
+
+            status, output, left = run(['--for', '60', '--keys', 'RED', '--cookie', 'session=abc',
+                                        base + 'walkthrough.html'], stop_after=3)
+            if status != 130 or left or not players_balanced(output, at_least=1)[0]:
+                fail('SIGTERM', f'exit {status}, left behind {left}', output)
+            else:
+                print('ok   SIGTERM ends cleanly')
+        finally:
+            service.send_signal(signal.SIGTERM)
+            service.wait(10)
+        log.seek(0)
+        text = log.read()
+        made, gone = text.count('request create '), text.count('request destroy ')
+        if made != gone:
+            fail('service', f'{made} players made, {gone} destroyed: players left in the service')
+    server.shutdown()
+    print('PASS' if not failures else f'{len(failures)} failed: {failures}')
+    return 1 if failures else 0
+
+
+if __name__ == '__main__':
+    sys.exit(main())
