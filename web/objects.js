@@ -146,13 +146,19 @@ function pavoWatchDocument() {
 }
 
 // An <object> showing no plug-in renders as an inline box, which has no
-// size: media objects keep the box the page gave them (any rule of the
-// page's own wins, these selectors weigh nothing).
+// size: media objects keep the box the page gave them. The other OIPF
+// objects have no picture on a terminal (here they would show a missing
+// plug-in's placeholder). Any rule of the page's own wins: these selectors
+// weigh nothing.
 function pavoInstallStyle() {
   try {
     const sheet = new CSSStyleSheet();
-    const selectors = PAVO_MEDIA_TYPES.map(function (t) { return 'object[type="' + t + '" i]'; });
-    sheet.replaceSync(':where(' + selectors.join(',') + ') { display: inline-block; }');
+    const select = function (kind) {
+      return Object.keys(PAVO_KINDS).filter(function (t) { return (PAVO_KINDS[t] === 'av') === (kind === 'av'); })
+          .map(function (t) { return 'object[type="' + t + '" i]'; }).join(',');
+    };
+    sheet.replaceSync(':where(' + select('av') + ') { display: inline-block; }\n' +
+                      ':where(' + select('other') + ') { visibility: hidden; width: 0; height: 0; }');
     document.adoptedStyleSheets = document.adoptedStyleSheets.concat([sheet]);
   } catch (e) { /* an XML document without style: nothing to keep */ }
 }
