@@ -49,6 +49,7 @@ PavoAVControl.prototype.endItem = function (method) {
   this.state.ps = PAVO_STATE_STOPPED;
   this.state.sp = 0;
   this.state.comps = [[], [], []];
+  this.clearPicture();
   if (was !== PAVO_STATE_STOPPED) pavoFire(this.element, 'PlayStateChange', ['state'], [PAVO_STATE_STOPPED]);
 };
 
@@ -100,6 +101,21 @@ PavoAVControl.prototype.gone = function () {
   this.state.ps = PAVO_STATE_STOPPED;
   this.state.sp = 0;
   this.lastWindow = '';
+  this.clearPicture();
+};
+
+// The video plane's picture: the program's frame previews, painted as the
+// box's background (the page's own background returns when the item ends).
+PavoAVControl.prototype.showPicture = function (src) {
+  if (typeof src !== 'string' || src.indexOf('data:image/jpeg;base64,') !== 0) return;
+  this.element.style.setProperty('background', '#000 url("' + src + '") center / contain no-repeat');
+  this.painted = true;
+};
+
+PavoAVControl.prototype.clearPicture = function () {
+  if (!this.painted) return;
+  this.painted = false;
+  this.element.style.removeProperty('background');
 };
 
 PavoAVControl.prototype.setData = function (value) {
@@ -190,6 +206,7 @@ PavoAVControl.prototype.receive = function (message) {
     case 'state': pavoFire(e, 'PlayStateChange', ['state'], [this.state.ps]); break;
     case 'speed': pavoFire(e, 'PlaySpeedChanged', ['speed'], [this.state.sp]); break;
     case 'position': pavoFire(e, 'PlayPositionChanged', ['position'], [this.state.pos]); break;
+    case 'frame': this.showPicture(message.src); break;
     case 'component':
       pavoFire(e, 'SelectedComponentChanged', ['componentType'], [message.v]);
       pavoFire(e, 'ComponentChanged', ['componentType'], [message.v]);

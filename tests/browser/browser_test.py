@@ -7,8 +7,10 @@ Beside the pages' own checks it checks what only the program's side can
 see: exit statuses, no player left in the service, no browser process or
 profile directory left behind, a clean end on SIGTERM.
 
-Usage: browser_test.py BROWSER_PROGRAM MEDIA_SERVICE PAGES_DIR
+Usage: browser_test.py BROWSER_PROGRAM MEDIA_SERVICE PAGES_DIR [MEDIA_FILE]
 (run in private IPC and network namespaces: the queue keys are fixed).
+With MEDIA_FILE, a last case plays it with the service's GStreamer engine and
+checks that the video's frames appear in the page's video box.
 """
 import functools
 import http.server
@@ -22,6 +24,7 @@ import threading
 import time
 
 PROGRAM, SERVICE, PAGES = sys.argv[1:4]
+MEDIA = sys.argv[4] if len(sys.argv) > 4 else None
 failures = []
 
 
@@ -47,8 +50,8 @@ def start_server():
     return server
 
 
-def start_service(log):
-    service = subprocess.Popen([SERVICE, '--time-scale', '10', '--verbose'], stdout=log, stderr=subprocess.STDOUT)
+def start_service(log, options=('--time-scale', '10'), env=None):
+    service = subprocess.Popen([SERVICE, '--verbose', *options], stdout=log, stderr=subprocess.STDOUT, env=env)
     for _ in range(100):
         with open(log.name) as f:
             if 'pavo-media-service: ready' in f.read():
@@ -70,17 +73,23 @@ def leftovers(tmp):
     return found
 
 
-def run(args, stop_after=None, timeout=60):
-    """Runs the program in a fresh TMPDIR; returns (status, output, leftovers)."""
+def run(args, stop_at=None, timeout=60):
+    """Runs the program in a fresh TMPDIR; returns (status, output, leftovers).
+    With `stop_at` (a regular expression), SIGTERM follows the first timeline line matching it."""
     with tempfile.TemporaryDirectory() as tmp:
         env = dict(os.environ, TMPDIR=tmp)
         process = subprocess.Popen([PROGRAM] + args, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
                                    text=True, env=env)
-        if stop_after is not None:
-            time.sleep(stop_after)
-            process.send_signal(signal.SIGTERM)
+        early = ''
+        if stop_at is not None:
+            for line in process.stdout:
+                early += line
+                if re.search(stop_at, line):
+                    process.send_signal(signal.SIGTERM)
+                    break
         try:
             output, _ = process.communicate(timeout=timeout)
+            output = early + output
         except subprocess.TimeoutExpired:
             process.kill()
             output, _ = process.communicate()
@@ -112,6 +121,24 @@ CASES = [
     ('hostile.html', [], lambda out: (re.search(r'dropped \d+ calls|more calls and events not shown', out) is not None,
                                       'the flood was limited')),
 ]
+
+
+def picture(base):
+    """The GStreamer engine's frames in the page's video box."""
+    with tempfile.TemporaryDirectory() as frames, tempfile.NamedTemporaryFile('w+', suffix='.log') as log:
+        env = dict(os.environ, PAVO_FRAME_PREVIEW_DIR=frames)
+        service = start_service(log, ('--engine', 'gstreamer', '--sinks', 'fake'), env)
+        try:
+            status, output, _ = run(['--frames', frames, '--until-url', '#(pass|fail)', '--for', '40',
+                                     base + 'picture.html?media=' + MEDIA])
+        finally:
+            service.send_signal(signal.SIGTERM)
+            service.wait(10)
+        verdict = re.search(r'nav +\S*#(pass|fail\S*)', output or '')
+        if status != 0 or not verdict or verdict.group(1) != 'pass':
+            fail('picture.html', f'exit {status}, verdict {verdict.group(1) if verdict else None}', output)
+        else:
+            print('ok   picture.html (GStreamer engine, frames in the box)')
 
 
 def main():
@@ -146,7 +173,7 @@ def main():
                 print(f'ok   {page} ({took:.1f} s)')
 
             status, output, left = run(['--for', '60', '--keys', 'RED', '--cookie', 'session=abc',
-                                        base + 'walkthrough.html'], stop_after=3)
+                                        base + 'walkthrough.html'], stop_at=r'play state -> playing')
             if status != 130 or left or not players_balanced(output, at_least=1)[0]:
                 fail('SIGTERM', f'exit {status}, left behind {left}', output)
             else:
@@ -156,6 +183,8 @@ def main():
             service.wait(10)
         log.seek(0)
         text = log.read()
+        if MEDIA:
+            picture(base)
         made, gone = text.count('request create '), text.count('request destroy ')
         if made != gone:
             fail('service', f'{made} players made, {gone} destroyed: players left in the service')

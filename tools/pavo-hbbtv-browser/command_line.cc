@@ -60,6 +60,8 @@ std::string usage_text() {
          "  --until-url REGEX    end when the top page navigates to a matching URL (extended regex)\n"
          "  --screenshot FILE    write a PNG of the page at the end\n"
          "  --window WxH         the page's size (default 1280x720)\n"
+         "  --frames DIR         paint the media service's frame previews from DIR into the video\n"
+         "                       boxes (the service's PAVO_FRAME_PREVIEW_DIR)\n"
          "  --show               a browser window on the display instead of headless\n"
          "  --browser PATH       the browser executable\n"
          "  --help               this text\n"
@@ -133,6 +135,9 @@ ParseResult parse_command_line(int argc, char** argv, Options& options, std::str
     } else if (arg == "--screenshot") {
       if (!value(v)) return ParseResult::kError;
       options.screenshot = v;
+    } else if (arg == "--frames") {
+      if (!value(v)) return ParseResult::kError;
+      options.frames = v;
     } else if (arg == "--browser") {
       if (!value(v)) return ParseResult::kError;
       options.browser.executable = v;

@@ -27,6 +27,7 @@ struct Options {
   double for_seconds = 0;  // 0: no time limit
   std::string until_url;   // extended regular expression; empty: none
   std::string screenshot;  // PNG written at the end; empty: none
+  std::string frames;      // where the media service offers its frames; empty: none
   BrowserSettings browser;
 };
 

@@ -1,15 +1,20 @@
 #include "pavo-hbbtv-browser/page_objects.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <optional>
 
 #include "pavo_avctrl.h"
 #include "pavo_drm_agent.h"
+#include "frame_preview/frame_preview_name.h"
+#include "pavo-hbbtv-browser/base64.h"
 #include "plugin_side/components.h"
 
 namespace pavo::hbbtv {
@@ -50,6 +55,8 @@ struct PageObjects::AvObject {
   Json::Value components{Json::arrayValue};
   std::optional<double> pending_seek;
   std::deque<std::string> queue;
+  std::string url;               // of the item presented
+  struct timespec frame_time{};  // of the frame last painted
 };
 
 struct PageObjects::DrmObject {
@@ -103,8 +110,8 @@ std::string short_text(const std::string& text) {
 
 }  // namespace
 
-PageObjects::PageObjects(plugin::Timeline& timeline, Deliver deliver)
-    : timeline_(timeline), deliver_(std::move(deliver)), queue_(new std::deque<Queued>()) {
+PageObjects::PageObjects(plugin::Timeline& timeline, Deliver deliver, std::string frames)
+    : timeline_(timeline), deliver_(std::move(deliver)), frames_(std::move(frames)), queue_(new std::deque<Queued>()) {
   int fds[2];
   if (::pipe2(fds, O_CLOEXEC | O_NONBLOCK) == 0) {
     wake_read_ = fds[0];
@@ -234,7 +241,7 @@ bool PageObjects::admit(int context) {
 
 void PageObjects::handle_call(int context, const std::string& payload) {
   try {
-    if (payload.size() > kMaxCallBytes || !admit(context)) return;
+    if (payload.size() > kMaxCallBytes || gone_contexts_.count(context) != 0 || !admit(context)) return;
     Json::Value call;
     Json::CharReaderBuilder builder;
     builder["stackLimit"] = 20;
@@ -359,6 +366,8 @@ void PageObjects::av_call(int context, int id, int generation, const std::string
       object->position = 0;
       object->pending_seek.reset();
       if (const std::optional<double> seek = number_arg(args, 2)) object->pending_seek = std::max(0.0, *seek);
+      object->url = *url;
+      object->frame_time = {};
       text = name + ".play(" + std::to_string(*speed).substr(0, 6) + ") of " + short_text(*url) + " ->";
       if (args.size() >= 4 && args[3].isObject() && args[3]["loop"].isString()) {
         const std::string loop = args[3]["loop"].asString();
@@ -570,6 +579,7 @@ void PageObjects::on_av_event(AvObject& object, const plugin::AvEvent& event) {
     const std::string next = object.queue.front();
     object.queue.pop_front();
     object.started = false;
+    object.url = next;
     object.components_read = false;
     object.duration = 0;
     object.position = 0;
@@ -579,8 +589,33 @@ void PageObjects::on_av_event(AvObject& object, const plugin::AvEvent& event) {
   }
 }
 
+// The service's newest frame of the object's item, painted into its box by
+// the page side when it changed since the last one.
+void PageObjects::offer_frame(AvObject& object) {
+  const std::string path = frames_ + "/" + frame_preview::file_name(object.url);
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0 || info.st_size <= 2 || info.st_size > (4 << 20)) return;
+  if (info.st_mtim.tv_sec == object.frame_time.tv_sec && info.st_mtim.tv_nsec == object.frame_time.tv_nsec) return;
+  std::ifstream file(path, std::ios::binary);
+  std::string jpeg((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  if (jpeg.size() < 2 || static_cast<unsigned char>(jpeg[0]) != 0xff || static_cast<unsigned char>(jpeg[1]) != 0xd8) {
+    return;
+  }
+  object.frame_time = info.st_mtim;
+  Json::Value m;
+  m["o"] = object.id;
+  m["g"] = object.generation;
+  m["e"] = "frame";
+  m["src"] = "data:image/jpeg;base64," + encode_base64(jpeg);
+  send(object.context, std::move(m));
+}
+
 void PageObjects::tick() {
   for (auto& [key, object] : av_) {
+    if (!frames_.empty() && object->handle != nullptr && object->accepting && object->started &&
+        object->state != PAVO_AVCTRL_PLAYSTATE_ERROR) {
+      offer_frame(*object);
+    }
     if (object->handle == nullptr || !object->accepting || object->state != PAVO_AVCTRL_PLAYSTATE_PLAYING) continue;
     double position = 0;
     if (Pavo_AVCtrl_GetPosition(object->handle, &position) != 0) continue;
@@ -728,6 +763,8 @@ void PageObjects::context_gone(int context) {
   }
   outbox_.erase(context);
   budgets_.erase(context);
+  gone_contexts_.insert(context);
+  if (gone_contexts_.size() > 4096) gone_contexts_.erase(gone_contexts_.begin());
 }
 
 void PageObjects::close_all() {

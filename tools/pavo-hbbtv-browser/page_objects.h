@@ -29,6 +29,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -43,7 +44,9 @@ class PageObjects {
   // execution context `context`.
   using Deliver = std::function<void(int context, const std::string& messages)>;
 
-  PageObjects(plugin::Timeline& timeline, Deliver deliver);
+  // `frames`: the directory where the media service offers its frame
+  // previews (frame_preview_name.h); empty for none.
+  PageObjects(plugin::Timeline& timeline, Deliver deliver, std::string frames = std::string());
   ~PageObjects();  // close_all()
   PageObjects(const PageObjects&) = delete;
   PageObjects& operator=(const PageObjects&) = delete;
@@ -57,7 +60,8 @@ class PageObjects {
   void handle_call(int context, const std::string& payload);
   // Turns queued library events into messages for the pages.
   void deliver();
-  // Pushes the position of playing objects (call at least 4 times a second).
+  // Pushes the position of playing objects and, with a frame directory,
+  // each presenting object's newest frame (call at least 4 times a second).
   void tick();
   // The page of `context` is gone (navigation, unload, closed tab):
   // destroys its objects.
@@ -93,9 +97,11 @@ class PageObjects {
   void note(const char* tag, const std::string& text);
   bool admit(int context);
   void select_default(AvObject& object, int type, bool select);
+  void offer_frame(AvObject& object);
 
   plugin::Timeline& timeline_;
   Deliver deliver_;
+  const std::string frames_;
   int wake_read_ = -1;
   int wake_write_ = -1;
   uint64_t next_serial_ = 1;
@@ -111,6 +117,7 @@ class PageObjects {
     int dropped = 0;
   };
   std::map<int, Budget> budgets_;
+  std::set<int> gone_contexts_;  // pages gone: their late calls are ignored
   std::chrono::steady_clock::time_point note_second_{};
   int notes_this_second_ = 0;
   int notes_skipped_ = 0;
@@ -122,8 +129,10 @@ class PageObjects {
 
 // Most A/V control objects with a player that one page may hold at once.
 constexpr std::size_t kMaxPlayersPerPage = 8;
-// Most calls per page and second; the rest are dropped.
-constexpr int kMaxCallsPerSecond = 2000;
+// Most calls per page and second; the rest are dropped. Each may be a
+// request to the service: the bound keeps a flooding page from queuing
+// more work than the program does in that second.
+constexpr int kMaxCallsPerSecond = 500;
 // Largest call a page may send, in bytes.
 constexpr std::size_t kMaxCallBytes = 16384;
 
