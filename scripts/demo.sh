@@ -52,9 +52,10 @@ run_session() {
 # The browser step: the demo's HbbTV-style page (tools/pavo-hbbtv-browser/demo/menu.html) in
 # headless Chromium through pavo-hbbtv-browser, driven by remote-control keys (play, seek
 # +10 s, the next audio language, pause), its timeline printed and a screenshot written to
-# build/demo/hbbtv-demo.png. Against the GStreamer engine playing the test file where the
-# build has it, else against the model engine's catalogue.
-# Usage: run_browser_step SERVICE_OPTION...
+# build/demo/hbbtv-demo.png. Against the GStreamer engine playing a 30-second test file, its
+# frames painted into the page's video box, where the build has the engine; else against the
+# model engine's catalogue (an empty box).
+# Usage: run_browser_step MEDIA SERVICE_OPTION...
 run_browser_step() {
   local media=$1
   shift
@@ -62,8 +63,9 @@ run_browser_step() {
     echo "demo: no browser step: chromium-headless-shell is not installed (scripts/setup.sh installs it)"
     return 0
   fi
-  local service_log="$build/media-service-browser.log"
-  "$build/tools/pavo-media-service" "$@" --verbose >"$service_log" 2>&1 &
+  local service_log="$build/media-service-browser.log" frames="$build/frames"
+  mkdir -p "$frames"
+  PAVO_FRAME_PREVIEW_DIR="$frames" "$build/tools/pavo-media-service" "$@" --verbose >"$service_log" 2>&1 &
   local service=$!
   local waited=0
   until grep -qx 'pavo-media-service: ready' "$service_log"; do
@@ -79,7 +81,7 @@ run_browser_step() {
     "(seek +10 s), DOWN ENTER (audio language), UP UP ENTER (pause)"
   local status=0
   "$build/tools/pavo-hbbtv-browser" --keys ENTER,DOWN,DOWN,ENTER,DOWN,ENTER,UP,UP,ENTER \
-    --key-interval 800 --for 10 --screenshot "$build/hbbtv-demo.png" \
+    --key-interval 800 --for 10 --frames "$frames" --screenshot "$build/hbbtv-demo.png" \
     "file://$PWD/tools/pavo-hbbtv-browser/demo/menu.html?media=$media" \
     2>"$build/media-log-browser.txt" || status=$?
   kill -TERM "$service"
@@ -101,7 +103,7 @@ run_sessions() {
   echo "demo: real media: the GStreamer engine plays $build/media/test.mkv"
   run_session tools/pavo-avctl/real-media.session "$build/media-service-gstreamer.log" \
     --engine gstreamer --sinks fake || exit
-  run_browser_step "$PWD/$build/media/test.mkv" --engine gstreamer --sinks fake
+  run_browser_step "$PWD/$build/media/browser.mkv" --engine gstreamer --sinks fake
   exit
 }
 
@@ -120,6 +122,7 @@ cmake --build "$build" -j"$(nproc)" --target pavo-avctl pavo-hbbtv-browser pavo-
   { cat build/demo.build.log; exit 1; }
 if grep -q '^PAVO_WITH_GSTREAMER_FOUND:INTERNAL=ON' "$build/CMakeCache.txt"; then
   scripts/make_test_media.sh "$build/media/test.mkv" 6
+  scripts/make_test_media.sh "$build/media/browser.mkv" 30
 fi
 # The service's queues have fixed keys: a private IPC namespace keeps the demo
 # apart from anything else on the machine (and removes its queues at the end).

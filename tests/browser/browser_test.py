@@ -133,7 +133,8 @@ def picture(base):
                                      base + 'picture.html?media=' + MEDIA])
         finally:
             service.send_signal(signal.SIGTERM)
-            service.wait(10)
+            if service.wait(10) != 0:
+                fail('picture.html', f'pavo-media-service (GStreamer engine) ended with status {service.returncode}')
         verdict = re.search(r'nav +\S*#(pass|fail\S*)', output or '')
         if status != 0 or not verdict or verdict.group(1) != 'pass':
             fail('picture.html', f'exit {status}, verdict {verdict.group(1) if verdict else None}', output)
@@ -180,7 +181,8 @@ def main():
                 print('ok   SIGTERM ends cleanly')
         finally:
             service.send_signal(signal.SIGTERM)
-            service.wait(10)
+            if service.wait(10) != 0:
+                fail('service', f'pavo-media-service ended with status {service.returncode}')
         log.seek(0)
         text = log.read()
         if MEDIA:

@@ -264,7 +264,8 @@ void PageObjects::handle_call(int context, const std::string& payload) {
       note("call", std::string("configuration.subtitlesEnabled = ") + (on ? "true" : "false") +
                 " -> Pavo_Platform_SubtitleEnable " + std::to_string(Pavo_Platform_SubtitleEnable(on)));
     }
-    flush();
+    // The posts that the call made on this thread go out with its answers.
+    deliver();
   } catch (const std::exception& e) {
     timeline_.line("warn", std::string("page call dropped: ") + e.what());
   }
