@@ -64,7 +64,8 @@ PavoAVControl.prototype.play = function (speed) {
     pavoLive.add(this);
     const seek = this.pendingSeek;
     this.pendingSeek = null;
-    const sent = this.call('play', [s, String(this.dataUrl).slice(0, 4096), seek, this.params()]);
+    const sent = this.call('play', [s, String(this.dataUrl).slice(0, 4096), seek, this.params(),
+      String(pavoConfiguration.preferredAudioLanguage).slice(0, 64)]);
     this.sendWindow(true);
     return sent;
   }

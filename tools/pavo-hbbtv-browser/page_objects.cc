@@ -56,6 +56,7 @@ struct PageObjects::AvObject {
   std::optional<double> pending_seek;
   std::deque<std::string> queue;
   std::string url;               // of the item presented
+  std::string preferred_audio;   // the configuration's languages ("eng,ger"), for the item's start
   struct timespec frame_time{};  // of the frame last painted
 };
 
@@ -369,6 +370,7 @@ void PageObjects::av_call(int context, int id, int generation, const std::string
       if (const std::optional<double> seek = number_arg(args, 2)) object->pending_seek = std::max(0.0, *seek);
       object->url = *url;
       object->frame_time = {};
+      object->preferred_audio = text_arg(args, 4, 64).value_or(std::string());
       text = name + ".play(" + std::to_string(*speed).substr(0, 6) + ") of " + short_text(*url) + " ->";
       if (args.size() >= 4 && args[3].isObject() && args[3]["loop"].isString()) {
         const std::string loop = args[3]["loop"].asString();
@@ -469,6 +471,28 @@ void PageObjects::select_default(AvObject& object, int type, bool select) {
 
 // ---- Events of the library --------------------------------------------------
 
+// At an item's start: the audio component of the configuration's first
+// preferred language that the item has, when another one is active.
+void PageObjects::prefer_audio(AvObject& object) {
+  const Json::Value& audio = object.components[1];
+  std::size_t start = 0;
+  const std::string& list = object.preferred_audio;
+  while (start < list.size()) {
+    const std::size_t comma = std::min(list.find(',', start), list.size());
+    const std::string wanted = plugin::three_letter(list.substr(start, comma - start));
+    start = comma + 1;
+    for (const Json::Value& c : audio) {
+      if (c["lang"].asString() != wanted) continue;
+      if (c["active"].asBool()) return;
+      const int index = c["i"].asInt();
+      note("call", "av" + std::to_string(object.id) + ": preferred audio language " + wanted +
+                       " -> Pavo_AVCtrl_SelectComponent " +
+                       std::to_string(Pavo_AVCtrl_SelectComponent(object.handle, PAVO_AV_COMPONENT_TYPE_AUDIO, index)));
+      return;
+    }
+  }
+}
+
 void PageObjects::read_components(AvObject& object) {
   Json::Value all(Json::arrayValue);
   for (int type = 0; type < 3; ++type) {
@@ -540,6 +564,7 @@ void PageObjects::on_av_event(AvObject& object, const plugin::AvEvent& event) {
         if (!object.components_read) {
           read_components(object);
           with_components = true;
+          prefer_audio(object);
         }
       }
       if (object.state == PAVO_AVCTRL_PLAYSTATE_PAUSED) object.speed = 0;

@@ -98,6 +98,7 @@ class PageObjects {
   bool admit(int context);
   void select_default(AvObject& object, int type, bool select);
   void offer_frame(AvObject& object);
+  void prefer_audio(AvObject& object);
 
   plugin::Timeline& timeline_;
   Deliver deliver_;
