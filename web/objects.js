@@ -52,7 +52,7 @@ function pavoTakeData(element) {
   element.removeAttribute('data');
 }
 
-// name -> { kind -> spec }: every member of every kind, on the prototype.
+// name -> { kind -> member }: every member of every kind, on the prototype.
 function pavoInstallMembers() {
   const table = Object.create(null);
   const add = function (kind, members) {
@@ -70,23 +70,23 @@ function pavoInstallMembers() {
       enumerable: true,
       get: function () {
         const kind = pavoKindOf(this);
-        const spec = kind && byKind[kind];
-        if (!spec) return native ? native.get.call(this) : undefined;
+        const member = kind && byKind[kind];
+        if (!member) return native ? native.get.call(this) : undefined;
         const instance = pavoInstance(this, kind);
-        if (spec.method) {
+        if (member.method) {
           const element = this;
           return function () {
             const args = [pavoInstance(element, kind)];
             for (let i = 0; i < arguments.length && i < 8; ++i) args.push(arguments[i]);
-            return spec.method.apply(null, args);
+            return member.method.apply(null, args);
           };
         }
-        return spec.value(instance);
+        return member.value(instance);
       },
       set: function (value) {
         const kind = pavoKindOf(this);
-        const spec = kind && byKind[kind];
-        if (spec && spec.set) spec.set(pavoInstance(this, kind), value);
+        const member = kind && byKind[kind];
+        if (member && member.set) member.set(pavoInstance(this, kind), value);
         else if (native) native.set.call(this, value);
       },
     });
