@@ -227,13 +227,15 @@ bool PageObjects::admit(int context) {
   if (now - b.second >= std::chrono::seconds(1)) {
     if (b.dropped > 0) {
       timeline_.line("warn", "page dropped " + std::to_string(b.dropped) + " calls beyond " +
-                                 std::to_string(kMaxCallsPerSecond) + " a second");
+                                 std::to_string(kMaxCallsPerSecond) + " a second or " +
+                                 std::to_string(kMaxBusyPerSecond.count()) + " ms of work a second");
     }
     b.second = now;
+    b.busy = {};
     b.calls = 0;
     b.dropped = 0;
   }
-  if (++b.calls <= kMaxCallsPerSecond) return true;
+  if (++b.calls <= kMaxCallsPerSecond && b.busy < kMaxBusyPerSecond) return true;
   ++b.dropped;
   return false;
 }
@@ -243,6 +245,12 @@ bool PageObjects::admit(int context) {
 void PageObjects::handle_call(int context, const std::string& payload) {
   try {
     if (payload.size() > kMaxCallBytes || gone_contexts_.count(context) != 0 || !admit(context)) return;
+    const auto started = Clock::now();
+    struct Account {
+      Budget& budget;
+      Clock::time_point started;
+      ~Account() { budget.busy += Clock::now() - started; }
+    } account{budgets_[context], started};
     Json::Value call;
     Json::CharReaderBuilder builder;
     builder["stackLimit"] = 20;

@@ -114,6 +114,7 @@ class PageObjects {
   std::map<int, Json::Value> outbox_;                 // context -> messages not yet sent
   struct Budget {
     std::chrono::steady_clock::time_point second;
+    std::chrono::steady_clock::duration busy{};
     int calls = 0;
     int dropped = 0;
   };
@@ -130,10 +131,12 @@ class PageObjects {
 
 // Most A/V control objects with a player that one page may hold at once.
 constexpr std::size_t kMaxPlayersPerPage = 8;
-// Most calls per page and second; the rest are dropped. Each may be a
-// request to the service: the bound keeps a flooding page from queuing
-// more work than the program does in that second.
+// Most calls per page and second, and most time spent on them per second;
+// the rest are dropped. Each may be a request to the service: the bounds
+// keep a flooding page from queuing more work than the program does in
+// that second, however slow the machine.
 constexpr int kMaxCallsPerSecond = 500;
+constexpr std::chrono::milliseconds kMaxBusyPerSecond{250};
 // Largest call a page may send, in bytes.
 constexpr std::size_t kMaxCallBytes = 16384;
 
