@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -74,16 +75,16 @@ void on_drm_callback(PavoDrmEvent event, const PavoDrmEventInfo* info, const voi
 
 // The callbacks reach the one PageObjects of the process; user data carries
 // the object's serial number, never a pointer that could dangle.
-PageObjects* g_objects = nullptr;
+std::atomic<PageObjects*> g_objects{nullptr};
 
 void on_av_callback(PavoAVCtrlEvent event, const PavoAVCtrlEventInfo* info, const void* user_data) {
-  PageObjects* objects = g_objects;
+  PageObjects* objects = g_objects.load();
   if (objects == nullptr) return;
   objects->queue_av_event(reinterpret_cast<uintptr_t>(user_data), plugin::av_event_of(event, info));
 }
 
 void on_drm_callback(PavoDrmEvent event, const PavoDrmEventInfo* info, const void* user_data) {
-  PageObjects* objects = g_objects;
+  PageObjects* objects = g_objects.load();
   if (objects == nullptr) return;
   objects->queue_drm_event(reinterpret_cast<uintptr_t>(user_data), plugin::drm_event_of(event, info));
 }
@@ -112,21 +113,20 @@ std::string short_text(const std::string& text) {
 }  // namespace
 
 PageObjects::PageObjects(plugin::Timeline& timeline, Deliver deliver, std::string frames)
-    : timeline_(timeline), deliver_(std::move(deliver)), frames_(std::move(frames)), queue_(new std::deque<Queued>()) {
+    : timeline_(timeline), deliver_(std::move(deliver)), frames_(std::move(frames)), queue_(std::make_unique<std::deque<Queued>>()) {
   int fds[2];
   if (::pipe2(fds, O_CLOEXEC | O_NONBLOCK) == 0) {
     wake_read_ = fds[0];
     wake_write_ = fds[1];
   }
-  g_objects = this;
+  g_objects.store(this);
 }
 
 PageObjects::~PageObjects() {
   close_all();
-  g_objects = nullptr;
+  g_objects.store(nullptr);
   if (wake_read_ >= 0) ::close(wake_read_);
   if (wake_write_ >= 0) ::close(wake_write_);
-  delete queue_;
 }
 
 // ---- Callbacks: queue and wake ---------------------------------------------
@@ -282,13 +282,14 @@ void PageObjects::handle_call(int context, const std::string& payload) {
 
 PageObjects::AvObject* PageObjects::av_object(int context, int id, bool make) {
   auto it = av_.find({context, id});
-  if (it != av_.end()) return it->second;
+  if (it != av_.end()) return it->second.get();
   if (!make || av_.size() >= kMaxObjects) return nullptr;
-  auto* object = new AvObject();
+  auto owned = std::make_unique<AvObject>();
+  AvObject* object = owned.get();
   object->serial = next_serial_++;
   object->context = context;
   object->id = id;
-  av_[{context, id}] = object;
+  av_[{context, id}] = std::move(owned);
   av_by_serial_[object->serial] = object;
   return object;
 }
@@ -667,7 +668,7 @@ void PageObjects::tick() {
 
 void PageObjects::drm_call(int context, int id, const std::string& method, const Json::Value& args) {
   auto it = drm_.find({context, id});
-  DrmObject* object = it != drm_.end() ? it->second : nullptr;
+  DrmObject* object = it != drm_.end() ? it->second.get() : nullptr;
   const std::string name = "drm" + std::to_string(id);
   if (object == nullptr) {
     if (drm_.size() >= 64) return;
@@ -675,12 +676,13 @@ void PageObjects::drm_call(int context, int id, const std::string& method, const
     const int made = Pavo_DrmAgent_Create(&agent);
     timeline_.line("call", name + ": Pavo_DrmAgent_Create " + std::to_string(made));
     if (made != 0 || agent == nullptr) return;
-    object = new DrmObject();
+    auto owned = std::make_unique<DrmObject>();
+    object = owned.get();
     object->serial = next_serial_++;
     object->context = context;
     object->id = id;
     object->agent = agent;
-    drm_[{context, id}] = object;
+    drm_[{context, id}] = std::move(owned);
     drm_by_serial_[object->serial] = object;
     Pavo_DrmAgent_RegisterCallback(agent, on_drm_callback, serial_data(object->serial));
   }
@@ -780,7 +782,6 @@ void PageObjects::context_gone(int context) {
     }
     destroy_player(*it->second);
     av_by_serial_.erase(it->second->serial);
-    delete it->second;
     it = av_.erase(it);
   }
   for (auto it = drm_.begin(); it != drm_.end();) {
@@ -792,7 +793,6 @@ void PageObjects::context_gone(int context) {
     timeline_.line("call", "drm" + std::to_string(it->second->id) + ": Pavo_DrmAgent_Destroy " +
               std::to_string(Pavo_DrmAgent_Destroy(it->second->agent)));
     drm_by_serial_.erase(it->second->serial);
-    delete it->second;
     it = drm_.erase(it);
   }
   outbox_.erase(context);

@@ -28,6 +28,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -106,8 +107,8 @@ class PageObjects {
   int wake_read_ = -1;
   int wake_write_ = -1;
   uint64_t next_serial_ = 1;
-  std::map<std::pair<int, int>, AvObject*> av_;       // (context, page id)
-  std::map<std::pair<int, int>, DrmObject*> drm_;     // (context, page id)
+  std::map<std::pair<int, int>, std::unique_ptr<AvObject>> av_;    // (context, page id)
+  std::map<std::pair<int, int>, std::unique_ptr<DrmObject>> drm_;  // (context, page id)
   std::map<uint64_t, AvObject*> av_by_serial_;
   std::map<uint64_t, DrmObject*> drm_by_serial_;
   std::map<std::string, std::pair<uint64_t, std::string>> drm_messages_;  // service id -> agent, page id
@@ -125,7 +126,7 @@ class PageObjects {
   int notes_skipped_ = 0;
 
   std::mutex queue_mutex_;
-  std::deque<Queued>* queue_;  // guarded by queue_mutex_
+  std::unique_ptr<std::deque<Queued>> queue_;  // guarded by queue_mutex_
   bool wake_pending_ = false;  // guarded by queue_mutex_
 };
 
