@@ -146,18 +146,22 @@ def main():
     if not os.access('/usr/lib/chromium/chromium-headless-shell', os.X_OK):
         print('SKIP: no chromium-headless-shell (scripts/setup.sh installs it)')
         return 77
-    status, _, _ = run(['--bad-option', 'x'])
-    if status != 2:
-        fail('command line', f'exit {status}, wanted 2')
-    status, output, _ = run(['--for', '1', 'about:blank'])
-    if status != 3:
-        fail('no service', f'exit {status}, wanted 3', output)
+    # Exit statuses: before any service runs, then with one.
+    def statuses(cases):
+        for args, wanted, what in cases:
+            status, output, left = run(args)
+            if status != wanted or left:
+                fail(what, f'exit {status}, wanted {wanted}; left behind {left}', output)
+    statuses([(['--bad-option', 'x'], 2, 'bad command line'),
+              (['--for', '1', 'about:blank'], 3, 'no service')])
 
     server = start_server()
     base = f'http://127.0.0.1:{server.server_address[1]}/'
     with tempfile.NamedTemporaryFile('w+', suffix='.log') as log:
         service = start_service(log)
         try:
+            statuses([(['--browser', '/nonexistent/chromium', 'about:blank'], 4, 'no browser'),
+                      (['--for', '5', 'http://127.0.0.1:1/'], 1, 'page cannot be opened')])
             for page, options, extra in CASES:
                 started = time.monotonic()
                 status, output, left = run(options + ['--until-url', '#(pass|fail)', '--for', '40', base + page])
