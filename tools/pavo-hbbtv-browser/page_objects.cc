@@ -235,7 +235,8 @@ bool PageObjects::admit(int context) {
     b.calls = 0;
     b.dropped = 0;
   }
-  if (++b.calls <= kMaxCallsPerSecond && b.busy < kMaxBusyPerSecond) return true;
+  ++b.calls;
+  if (b.calls <= kAlwaysAdmitted || (b.calls <= kMaxCallsPerSecond && b.busy < kMaxBusyPerSecond)) return true;
   ++b.dropped;
   return false;
 }

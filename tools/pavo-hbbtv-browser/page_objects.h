@@ -136,8 +136,11 @@ constexpr std::size_t kMaxPlayersPerPage = 8;
 // the rest are dropped. Each may be a request to the service: the bounds
 // keep a flooding page from queuing more work than the program does in
 // that second, however slow the machine.
+// The first kAlwaysAdmitted calls of each second pass whatever they cost
+// (a page that makes its objects at start is no flood).
 constexpr int kMaxCallsPerSecond = 500;
 constexpr std::chrono::milliseconds kMaxBusyPerSecond{250};
+constexpr int kAlwaysAdmitted = 64;
 // Largest call a page may send, in bytes.
 constexpr std::size_t kMaxCallBytes = 16384;
 
