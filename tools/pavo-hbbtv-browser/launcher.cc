@@ -54,6 +54,7 @@ std::string console_text(const Json::Value& args) {
     if (v.isString()) text += v.asString();
     else if (v.isBool() || v.isNumeric()) text += v.asString();
     else if (a["description"].isString()) text += a["description"].asString();
+    else if (a["subtype"].asString() == "null") text += "null";
     else if (a["type"].isString()) text += a["type"].asString();
     if (text.size() > 1000) break;
   }
@@ -251,6 +252,7 @@ void Run::on_request_paused(const Json::Value& params) {
       (base.rfind("video/", 0) == 0 || base.rfind("audio/", 0) == 0 || base == "application/dash+xml")) {
     // Media an <object> would load as a nested document: the library plays
     // it, the browser does not.
+    timeline_.line("info", "the browser's own load of " + params["request"]["url"].asString() + " refused");
     answer["errorReason"] = "BlockedByClient";
     devtools_->send("Fetch.failRequest", answer, session_);
     return;
