@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # The demo: sets up the machine, builds pavo-media-service (the media-player
-# service) and pavo-avctl (a command-line stand-in for the HbbTV plug-in),
+# service), pavo-avctl (a command-line stand-in for the HbbTV plug-in) and
+# pavo-hbbtv-browser (the plug-in's role for Chromium),
 # starts the service and runs the scripted session
 # tools/pavo-avctl/demo.session against it, printing the timeline of what
 # the plug-in receives. Then, where the service has its GStreamer engine, a
 # second service run plays a generated file (scripts/make_test_media.sh)
-# through tools/pavo-avctl/real-media.session. Exits with pavo-avctl's
-# status (0: every step succeeded).
+# through tools/pavo-avctl/real-media.session. Last, an HbbTV page in headless
+# Chromium (see run_browser_step). Exits 0 when every step succeeded.
 #
 # The service's own log (every request, reply and event) goes to
 # build/demo/media-service.log, the A/V control layer's platform log to
@@ -48,18 +49,61 @@ run_session() {
   return "$status"
 }
 
+# The browser step: the demo's HbbTV-style page (tools/pavo-hbbtv-browser/demo/menu.html) in
+# headless Chromium through pavo-hbbtv-browser, driven by remote-control keys (play, seek
+# +10 s, the next audio language, pause), its timeline printed and a screenshot written to
+# build/demo/hbbtv-demo.png. Against the GStreamer engine playing a 30-second test file, its
+# frames painted into the page's video box, where the build has the engine; else against the
+# model engine's catalogue (an empty box).
+# Usage: run_browser_step MEDIA SERVICE_OPTION...
+run_browser_step() {
+  local media=$1
+  shift
+  if [[ ! -x /usr/lib/chromium/chromium-headless-shell ]]; then
+    echo "demo: no browser step: chromium-headless-shell is not installed (scripts/setup.sh installs it)"
+    return 0
+  fi
+  local service_log="$build/media-service-browser.log" frames="$build/frames"
+  mkdir -p "$frames"
+  PAVO_FRAME_PREVIEW_DIR="$frames" "$build/tools/pavo-media-service" "$@" --verbose >"$service_log" 2>&1 &
+  local service=$!
+  local waited=0
+  until grep -qx 'pavo-media-service: ready' "$service_log"; do
+    if ! kill -0 "$service" 2>/dev/null || ((waited >= 100)); then
+      echo "demo: pavo-media-service did not start:" >&2
+      cat "$service_log" >&2
+      return 1
+    fi
+    sleep 0.1
+    waited=$((waited + 1))
+  done
+  echo "demo: the browser step: an HbbTV page in headless Chromium, keys ENTER (play), DOWN DOWN ENTER" \
+    "(seek +10 s), DOWN ENTER (audio language), UP UP ENTER (pause)"
+  local status=0
+  "$build/tools/pavo-hbbtv-browser" --keys ENTER,DOWN,DOWN,ENTER,DOWN,ENTER,UP,UP,ENTER \
+    --key-interval 800 --for 10 --frames "$frames" --screenshot "$build/hbbtv-demo.png" \
+    "file://$PWD/tools/pavo-hbbtv-browser/demo/menu.html?media=$media" \
+    2>"$build/media-log-browser.txt" || status=$?
+  kill -TERM "$service"
+  wait "$service" || echo "demo: pavo-media-service ended with status $?" >&2
+  echo "demo: the page's screenshot: $build/hbbtv-demo.png; the service's log: $service_log"
+  return "$status"
+}
+
 # The model session, then the real-media one (GStreamer engine, generated
-# file) where the build has the engine; inside a private IPC namespace when
-# called with --session.
+# file) where the build has the engine, then the browser step; inside a
+# private IPC namespace when called with --session.
 run_sessions() {
   run_session tools/pavo-avctl/demo.session "$build/media-service.log" --time-scale "$time_scale" || exit
   if ! grep -q '^PAVO_WITH_GSTREAMER_FOUND:INTERNAL=ON' "$build/CMakeCache.txt" 2>/dev/null; then
     echo "demo: no real-media step: pavo-media-service was built without GStreamer"
-    exit 0
+    run_browser_step http://media.test/vod.mp4
+    exit
   fi
   echo "demo: real media: the GStreamer engine plays $build/media/test.mkv"
   run_session tools/pavo-avctl/real-media.session "$build/media-service-gstreamer.log" \
-    --engine gstreamer --sinks fake
+    --engine gstreamer --sinks fake || exit
+  run_browser_step "$PWD/$build/media/browser.mkv" --engine gstreamer --sinks fake
   exit
 }
 
@@ -72,11 +116,13 @@ fi
 mkdir -p build
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DPAVO_BUILD_TESTS=OFF -DPAVO_BUILD_BENCHMARKS=OFF \
   >build/demo.configure.log 2>&1 || { cat build/demo.configure.log; exit 1; }
-echo "demo: building pavo-avctl and pavo-media-service (log: build/demo.build.log)"
-cmake --build "$build" -j"$(nproc)" --target pavo-avctl pavo-media-service >build/demo.build.log 2>&1 ||
+echo "demo: building pavo-avctl, pavo-hbbtv-browser and pavo-media-service (log: build/demo.build.log)"
+cmake --build "$build" -j"$(nproc)" --target pavo-avctl pavo-hbbtv-browser pavo-media-service \
+  >build/demo.build.log 2>&1 ||
   { cat build/demo.build.log; exit 1; }
 if grep -q '^PAVO_WITH_GSTREAMER_FOUND:INTERNAL=ON' "$build/CMakeCache.txt"; then
   scripts/make_test_media.sh "$build/media/test.mkv" 6
+  scripts/make_test_media.sh "$build/media/browser.mkv" 30
 fi
 # The service's queues have fixed keys: a private IPC namespace keeps the demo
 # apart from anything else on the machine (and removes its queues at the end).

@@ -27,6 +27,9 @@ host_pkgs=(cmake make g++ pkg-config libjsoncpp-dev libgtest-dev libgmock-dev li
 host_pkgs+=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base
             gstreamer1.0-plugins-good gstreamer1.0-tools gstreamer1.0-plugins-bad
             gstreamer1.0-plugins-ugly gstreamer1.0-libav)
+# pavo-hbbtv-browser and its tests: Chromium's headless shell (about 300 MB installed), and
+# Python for the tests' page server (standard library only).
+host_pkgs+=(chromium-headless-shell python3)
 arm_pkgs=(g++-arm-linux-gnueabihf qemu-user libjsoncpp-dev:armhf libgtest-dev:armhf libgmock-dev:armhf)
 
 missing() {

@@ -16,7 +16,7 @@
 #include "pavo-avctl/command_line.h"
 #include "pavo-avctl/script.h"
 #include "pavo-avctl/session.h"
-#include "pavo-avctl/timeline.h"
+#include "plugin_side/timeline.h"
 
 namespace {
 

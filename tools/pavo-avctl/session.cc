@@ -6,7 +6,8 @@
 #include <cstring>
 #include <utility>
 
-#include "av_control_adaptor/components.h"
+#include "plugin_side/components.h"
+#include "plugin_side/events.h"
 
 namespace pavo::avctl {
 namespace {
@@ -26,7 +27,6 @@ std::string format(const char* fmt, ...) {
   return text;
 }
 
-std::string speed_text(double speed) { return format("%g", speed); }
 
 std::string states_text(unsigned states) {
   std::string out;
@@ -38,101 +38,44 @@ std::string states_text(unsigned states) {
   return out;
 }
 
-// The three-letter code that the library's component records carry for a
-// track's language (the same table, compiled in from the library's source).
-std::string three_letter(const std::string& language) {
-  if (language.size() > 3) return language;
-  char code[4] = {};
-  std::memcpy(code, language.data(), language.size());
-  pavo::avctrl::normalise_language(code);
-  return code;
-}
-
-// The plug-in's A/V control callback.
+// The plug-in's A/V control callback: the shared translation, recorded
+// under the names that wait-event uses.
 void on_avctrl_event(PavoAVCtrlEvent event, const PavoAVCtrlEventInfo* info, const void* user_data) {
   if (info == nullptr || user_data == nullptr) return;
   auto& book = *static_cast<EventBook*>(const_cast<void*>(user_data));
+  const plugin::AvEvent e = plugin::av_event_of(event, info);
   Observed seen;
-  std::string printed;
+  seen.int_value = e.int_value;
+  seen.double_value = e.double_value;
   switch (event) {
-    case PAVO_AVCTRL_EVENT_PLAYSTATECHANGE:
-      seen.kind = EventKind::kPlayState;
-      seen.int_value = info->value.intValue;
-      printed = format("play state -> %s", state_name(seen.int_value));
-      break;
-    case PAVO_AVCTRL_EVENT_SPEEDCHANGE:
-      seen.kind = EventKind::kSpeed;
-      seen.double_value = info->value.doubleValue;
-      printed = "speed -> " + speed_text(seen.double_value);
-      break;
-    case PAVO_AVCTRL_EVENT_POSITIONCHANGE:
-      seen.kind = EventKind::kPosition;
-      seen.double_value = info->value.doubleValue;
-      printed = format("position -> %.0f ms (%s)", seen.double_value, clock_text(seen.double_value).c_str());
-      break;
-    case PAVO_AVCTRL_EVENT_COMPONENTCHANGE:
-      seen.kind = EventKind::kComponent;
-      seen.int_value = info->value.intValue;
-      printed = format("component change: %s", component_type_name(seen.int_value));
-      break;
-    case PAVO_AVCTRL_EVENT_DRMERROR:
-      seen.kind = EventKind::kDrmError;
-      seen.int_value = info->value.intValue;
-      printed = format("DRM error %d", seen.int_value);
-      break;
-    case PAVO_AVCTRL_EVENT_MEDIAERROR:
-      seen.kind = EventKind::kMediaError;
-      printed = "media error";
-      break;
+    case PAVO_AVCTRL_EVENT_PLAYSTATECHANGE: seen.kind = EventKind::kPlayState; break;
+    case PAVO_AVCTRL_EVENT_SPEEDCHANGE: seen.kind = EventKind::kSpeed; break;
+    case PAVO_AVCTRL_EVENT_POSITIONCHANGE: seen.kind = EventKind::kPosition; break;
+    case PAVO_AVCTRL_EVENT_COMPONENTCHANGE: seen.kind = EventKind::kComponent; break;
+    case PAVO_AVCTRL_EVENT_DRMERROR: seen.kind = EventKind::kDrmError; break;
+    case PAVO_AVCTRL_EVENT_MEDIAERROR: seen.kind = EventKind::kMediaError; break;
     default:
       // Not one of the interface's events: shown, not waited for.
-      book.note(format("unknown event %d (value %d)", static_cast<int>(event), info->value.intValue));
+      book.note(plugin::describe(e));
       return;
   }
-  book.add(std::move(seen), printed);
+  book.add(std::move(seen), plugin::describe(e));
 }
-
-// DRMSystemStatus values of the OIPF DRM agent API.
-const char* drm_status_name(int status) {
-  switch (status) {
-    case 0: return "ready";
-    case 1: return "unknown";
-    case 2: return "initialising";
-    case 3: return "error";
-    default: return "?";
-  }
-}
-
-const char* or_empty(const char* text) { return text != nullptr ? text : ""; }
 
 // The DRM agent's callback.
 void on_drm_event(PavoDrmEvent event, const PavoDrmEventInfo* info, const void* user_data) {
   if (info == nullptr || user_data == nullptr) return;
   auto& book = *static_cast<EventBook*>(const_cast<void*>(user_data));
-  Observed seen;
-  std::string printed;
-  switch (event) {
-    case PAVO_DRM_EVENT_MESSAGE_RESULT:
-      seen.kind = EventKind::kDrmResult;
-      seen.text = or_empty(info->messageResult.msgId);
-      seen.int_value = info->messageResult.resultCode;
-      printed = format("DRM message result: id \"%s\", code %d, \"%s\"", seen.text.c_str(),
-                       seen.int_value, or_empty(info->messageResult.resultMsg));
-      break;
-    case PAVO_DRM_EVENT_SYSTEM_MESSAGE:
-      seen.kind = EventKind::kDrmOther;
-      printed = format("DRM system message from \"%s\": \"%s\"", or_empty(info->systemMessage.sysId),
-                       or_empty(info->systemMessage.msg));
-      break;
-    case PAVO_DRM_EVENT_SYSTEM_STATUS_CHANGE:
-      seen.kind = EventKind::kDrmOther;
-      printed = format("DRM system status change: \"%s\"", or_empty(info->statusChange.sysId));
-      break;
-    default:
-      book.note(format("unknown DRM event %d", static_cast<int>(event)));
-      return;
+  const plugin::DrmEvent e = plugin::drm_event_of(event, info);
+  if (!e.known) {
+    book.note(plugin::describe(e));
+    return;
   }
-  book.add(std::move(seen), printed);
+  Observed seen;
+  seen.kind = event == PAVO_DRM_EVENT_MESSAGE_RESULT ? EventKind::kDrmResult : EventKind::kDrmOther;
+  seen.text = e.msg_id;
+  seen.int_value = e.result_code;
+  book.add(std::move(seen), plugin::describe(e));
 }
 
 }  // namespace
@@ -393,11 +336,8 @@ bool Session::sleep(const Step& step, std::string& why) {
 
 namespace {
 
-// One component of the stream, as pavo-avctl lists it.
-struct Component {
-  PavoAVCtrlTrackInfo track{};
-  std::string language;  // three-letter code ("" for video)
-};
+using plugin::Component;
+using plugin::three_letter;
 
 std::string describe(PavoAVComponentType type, unsigned i, const Component& c) {
   const PavoAVCtrlTrackInfo& t = c.track;
@@ -416,20 +356,11 @@ std::string describe(PavoAVComponentType type, unsigned i, const Component& c) {
   return text;
 }
 
-// Reads every component of `type`; false with `why` when the count fails.
-bool read_components(void* handle, PavoAVComponentType type, std::vector<Component>& out, std::string& why) {
-  unsigned count = 0;
-  const int result = Pavo_AVCtrl_GetAVComponentNum(handle, type, &count);
-  if (result != 0) return called("Pavo_AVCtrl_GetAVComponentNum", result, why);
-  for (unsigned i = 0; i < count && i < PAVO_AVCTRL_MAX_COMPONENTS; ++i) {
-    Component c;
-    const int got = Pavo_AVCtrl_GetAVComponentByIndex(handle, type, i, &c.track);
-    if (got != 0) return called("Pavo_AVCtrl_GetAVComponentByIndex", got, why);
-    if (type == PAVO_AV_COMPONENT_TYPE_AUDIO) c.language = three_letter(c.track.audio.language);
-    if (type == PAVO_AV_COMPONENT_TYPE_SUBTITLE) c.language = three_letter(c.track.subtitle.language);
-    out.push_back(std::move(c));
-  }
-  return true;
+// Reads every component of `type`; false with `why` when a call fails.
+bool read_all(void* handle, PavoAVComponentType type, std::vector<Component>& out, std::string& why) {
+  std::string failed;
+  const int result = plugin::read_components(handle, type, out, failed);
+  return result == 0 || called(failed.c_str(), result, why);
 }
 
 }  // namespace
@@ -437,7 +368,7 @@ bool read_components(void* handle, PavoAVComponentType type, std::vector<Compone
 bool Session::components(const Step& step, std::string& why) {
   const PavoAVComponentType type = parse_component_type(step.args[0]).value_or(PAVO_AV_COMPONENT_TYPE_AUDIO);
   std::vector<Component> list;
-  if (!read_components(handle_, type, list, why)) return false;
+  if (!read_all(handle_, type, list, why)) return false;
   std::string languages;
   for (unsigned i = 0; i < list.size(); ++i) {
     timeline_.line("info", describe(type, i, list[i]));
@@ -455,7 +386,7 @@ bool Session::select(const Step& step, std::string& why) {
   const PavoAVComponentType type = parse_component_type(step.args[0]).value_or(PAVO_AV_COMPONENT_TYPE_AUDIO);
   const std::string& which = step.args[1];
   std::vector<Component> list;
-  if (!read_components(handle_, type, list, why)) return false;
+  if (!read_all(handle_, type, list, why)) return false;
   const Component* chosen = nullptr;
   unsigned position = 0;
   for (unsigned i = 0; i < list.size() && chosen == nullptr; ++i) {
@@ -511,7 +442,7 @@ bool Session::drm(const Step& step, std::string& why) {
                 Pavo_DrmAgent_DRMSystemStatus(drm_agent_, system.c_str(), &status), why)) {
       return false;
     }
-    std::string text = format("DRM system \"%s\": status %d (%s)", system.c_str(), status, drm_status_name(status));
+    std::string text = format("DRM system \"%s\": status %d (%s)", system.c_str(), status, plugin::drm_status_name(status));
     if (step.args.size() > 2) {
       bool playable = false;
       const std::string& data = step.args[2];

@@ -21,11 +21,14 @@
 #include <vector>
 
 #include "pavo-avctl/script.h"
-#include "pavo-avctl/timeline.h"
 #include "pavo_avctrl.h"
 #include "pavo_drm_agent.h"
+#include "plugin_side/timeline.h"
 
 namespace pavo::avctl {
+
+using plugin::Timeline;
+using plugin::clock_text;
 
 using Millis = std::chrono::milliseconds;
 using Deadline = std::chrono::steady_clock::time_point;

@@ -1,4 +1,5 @@
 #include "pavo-media-service/gst_player.h"
+#include "pavo-media-service/gst_frame_preview.h"
 
 #include <algorithm>
 #include <cmath>
@@ -42,11 +43,13 @@ bool GstPlayer::open_pipeline(const std::string& url) {
     uri = made.get();
   }
   g_object_set(pipeline_, "uri", uri.c_str(), nullptr);
+  frame_preview_watch(pipeline_, url);
   return true;
 }
 
 void GstPlayer::close_pipeline(Clock::duration wait) {
   if (pipeline_ == nullptr) return;
+  frame_preview_forget(pipeline_);
   collection_.reset();
   worker_->close(wait);
   worker_.reset();

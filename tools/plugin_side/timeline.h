@@ -1,4 +1,4 @@
-// The readable timeline that pavo-avctl prints: one line per step, event and
+// The readable timeline that pavo-avctl and pavo-hbbtv-browser print: one line per step, event and
 // finding, each with the seconds since the start. On a terminal a live
 // progress line (the play position) stays at the bottom and is redrawn in
 // place; elsewhere progress comes as ordinary lines, so that logs and pipes
@@ -6,15 +6,15 @@
 //
 // Thread safety: every member may be called from any thread (the plug-in's
 // callbacks print from the library's event thread); lines never interleave.
-#ifndef PAVO_TOOLS_AVCTL_TIMELINE_H
-#define PAVO_TOOLS_AVCTL_TIMELINE_H
+#ifndef PAVO_TOOLS_PLUGIN_SIDE_TIMELINE_H
+#define PAVO_TOOLS_PLUGIN_SIDE_TIMELINE_H
 
 #include <chrono>
 #include <cstdio>
 #include <mutex>
 #include <string>
 
-namespace pavo::avctl {
+namespace pavo::plugin {
 
 class Timeline {
  public:
@@ -49,6 +49,6 @@ class Timeline {
 // "mm:ss.t" for a position in milliseconds ("-" for negative values).
 std::string clock_text(double ms);
 
-}  // namespace pavo::avctl
+}  // namespace pavo::plugin
 
-#endif  // PAVO_TOOLS_AVCTL_TIMELINE_H
+#endif  // PAVO_TOOLS_PLUGIN_SIDE_TIMELINE_H

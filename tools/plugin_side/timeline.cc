@@ -1,8 +1,8 @@
-#include "pavo-avctl/timeline.h"
+#include "plugin_side/timeline.h"
 
 #include <cmath>
 
-namespace pavo::avctl {
+namespace pavo::plugin {
 
 Timeline::Timeline(std::FILE* out, bool live)
     : out_(out), live_(live), start_(std::chrono::steady_clock::now()) {}
@@ -54,4 +54,4 @@ std::string clock_text(double ms) {
   return text;
 }
 
-}  // namespace pavo::avctl
+}  // namespace pavo::plugin
