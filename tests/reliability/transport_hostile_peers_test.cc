@@ -16,12 +16,10 @@
 #include <cstring>
 #include <functional>
 #include <string>
-#include <thread>
 
 #include "ipc/peer_generation.h"
 #include "pavo_ipc.h"
 #include "support/emulation.h"
-#include "support/output_capture.h"
 #include "support/reply_timeout_override.h"
 #include "support/test_queues.h"
 
