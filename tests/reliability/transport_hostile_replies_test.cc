@@ -47,8 +47,7 @@ void send_reply(int queue, const std::string& text) {
 
 // A service of the test's own on `key`: answers each request "re:<text>",
 // except that the first request gets `first` instead (which may answer it or
-// not). Runs until its request queue is removed; it does not read while
-// `paused` is set.
+// not). Makes both queues; runs until its request queue is removed.
 class RawService {
  public:
   using Action = std::function<void(int reply_queue, const std::string& text)>;
