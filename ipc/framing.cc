@@ -164,6 +164,7 @@ ReceiveOutcome receive_message(int queue_id, long mtype, uint32_t chunk_size, pa
         return out;
       case Reassembly::Step::kDropped:
         out.code = message.failure();
+        out.began = message.dropped_began();
         return out;
     }
   }
@@ -175,6 +176,15 @@ int drain_frames(int queue_id, long mtype, uint32_t chunk_size, pavo_ipc_frame* 
     if (frame->is_last) ++messages;
   }
   return messages;
+}
+
+bool frame_waiting(int queue_id, long mtype) {
+  if (mtype <= 0) return false;
+  long type_only;
+  for (;;) {
+    if (msgrcv(queue_id, &type_only, 0, mtype, IPC_NOWAIT) >= 0) continue;
+    if (!interrupted(errno)) return errno == E2BIG;
+  }
 }
 
 }  // namespace pavo::ipc

@@ -33,6 +33,7 @@ struct ReceiveOutcome {
   int code = kOk;          // as ipc_rcv_internal
   int err = 0;             // errno of a failed msgrcv, 0 otherwise
   uint32_t length = 0;     // bytes gathered (the text's length) on kOk
+  bool began = false;      // a dropped message had a first frame (seq_no 1): Reassembly::dropped_began
 };
 
 // Blocks for the frames of one message of `mtype` and gathers them into
@@ -46,8 +47,15 @@ ReceiveOutcome receive_message(int queue_id, long mtype, uint32_t chunk_size, pa
                                char** text, uint32_t* capacity);
 
 // Removes, without blocking, every frame of `mtype` that waits in the queue.
-// Returns the number of final frames (is_last) among them.
+// Returns the number of final frames (is_last) among them. One msgrcv when
+// there is none.
 int drain_frames(int queue_id, long mtype, uint32_t chunk_size, pavo_ipc_frame* frame);
+
+// Whether a frame of `mtype` (> 0) waits in the queue, without taking it off
+// (a receive of zero bytes fails with E2BIG and leaves a longer message
+// queued). A message of no text, which carries nothing, is taken off and the
+// look repeated. One msgrcv; never blocks. False when the queue cannot be read.
+bool frame_waiting(int queue_id, long mtype);
 
 }  // namespace pavo::ipc
 

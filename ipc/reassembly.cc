@@ -21,6 +21,7 @@ void Reassembly::restart() {
   offset_ = 0;
   frames_ = 0;
   skipping_ = false;
+  began_ = false;
   failure_ = kFailed;
 }
 
@@ -61,6 +62,7 @@ Reassembly::Step Reassembly::add(const pavo_ipc_frame& frame, std::size_t arrive
              frames_);
     }
     restart();
+    began_ = true;
   }
   if (!skipping_) {
     const std::size_t chunk_len = frame.chunk_len;
@@ -79,12 +81,14 @@ Reassembly::Step Reassembly::add(const pavo_ipc_frame& frame, std::size_t arrive
   if (!frame.is_last) return Step::kMore;
   if (skipping_) {
     const int failure = failure_;
+    dropped_began_ = began_;
     restart();
     failure_ = failure;
     return Step::kDropped;
   }
   (*text_)[offset_] = '\0';
   frames_ = 0;
+  began_ = false;
   return Step::kComplete;
 }
 

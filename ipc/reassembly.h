@@ -54,6 +54,10 @@ class Reassembly {
   uint32_t length() const { return static_cast<uint32_t>(offset_); }
   // After kDropped: kFailed, or kNoMemory when the text buffer could not grow.
   int failure() const { return failure_; }
+  // After kDropped: whether the dropped message had a first frame (seq_no 1),
+  // so that it may have been the message awaited; a drop without one is a
+  // stray frame or the tail of a message whose head went elsewhere.
+  bool dropped_began() const { return dropped_began_; }
   // True while frames of a message (kept or being skipped) have been taken.
   bool in_message() const { return frames_ > 0 || skipping_; }
 
@@ -69,6 +73,8 @@ class Reassembly {
   std::size_t offset_ = 0;   // bytes gathered
   uint32_t frames_ = 0;      // frames appended to this message
   bool skipping_ = false;    // the message was dropped; its frames are discarded
+  bool began_ = false;       // this message had a frame with seq_no 1
+  bool dropped_began_ = false;
   int failure_;
 };
 

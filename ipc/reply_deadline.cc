@@ -11,7 +11,9 @@
 #include <cstring>
 
 #include "base/mutex_lock.h"
+#include "ipc/diagnostics.h"
 #include "ipc/frame.h"
+#include "ipc/framing.h"
 #include "ipc/queue_reader.h"
 #include "ipc/sys_errors.h"
 
@@ -24,9 +26,13 @@ namespace {
 
 std::atomic<long long> g_reply_timeout_ms{PAVO_IPC_REPLY_TIMEOUT_MS};
 
-// A watchdog that cannot queue its frame (the reply queue is full) tries
-// again after this pause.
+// A watchdog that can neither queue its frame nor make room for it nor
+// remove the queue tries again after this pause.
 constexpr auto kRetryPause = std::chrono::milliseconds(10);
+// At most this many frames of other types are taken off a full reply queue
+// to make room for one deadline frame (more than a queue that holds one-byte
+// messages needs for its 36 bytes).
+constexpr int kMakeRoomFrames = 64;
 
 constexpr uint32_t kTokenBytes = sizeof(uint64_t);
 
@@ -42,8 +48,41 @@ int queue_deadline_frame(int queue_id, long mtype, uint64_t token) {
   frame->reserved_one = 1;
   frame->chunk_len = kTokenBytes;
   std::memcpy(frame->payload, &token, kTokenBytes);
-  if (msgsnd(queue_id, frame, kHeaderTextBytes + kTokenBytes, IPC_NOWAIT) == 0) return 0;
-  return errno;
+  int err;
+  do {
+    if (msgsnd(queue_id, frame, kHeaderTextBytes + kTokenBytes, IPC_NOWAIT) == 0) return 0;
+    err = errno;
+  } while (interrupted(err));
+  return err;
+}
+
+// Takes the oldest frame of a type other than `mtype` off the queue, without
+// blocking. Returns false when there is none (or the queue failed).
+bool take_other_frame(int queue_id, long mtype) {
+  struct {
+    long mtype;
+    char text[64];
+  } junk;
+  for (;;) {
+    if (msgrcv(queue_id, &junk, sizeof junk.text, mtype, IPC_NOWAIT | MSG_EXCEPT | MSG_NOERROR) >= 0) return true;
+    if (!interrupted(errno)) return false;
+  }
+}
+
+// Queues the deadline frame of `slot`, making room in a full queue, or else
+// removing the queue (which ends the waiting receive as well). Returns 0 or
+// errno (EIDRM once it removed the queue).
+int end_wait(const DeadlineSlot* slot) {
+  int err = queue_deadline_frame(slot->queue_id, slot->mtype, slot->token);
+  if (err != EAGAIN || slot->mtype <= 0) return err;
+  for (int i = 0; i < kMakeRoomFrames && err == EAGAIN && take_other_frame(slot->queue_id, slot->mtype); ++i) {
+    err = queue_deadline_frame(slot->queue_id, slot->mtype, slot->token);
+  }
+  if (err != EAGAIN) return err;
+  if (msgctl(slot->queue_id, IPC_RMID, nullptr) != 0) return err;
+  report(Stream::kErr, "ipc: reply queue %d stayed full at a deadline; removed it to end the wait\n",
+         slot->queue_id);
+  return EIDRM;
 }
 
 timespec to_monotonic_timespec(Clock::time_point t) {
@@ -62,10 +101,14 @@ class Watchdog {
     return watchdog;
   }
 
-  uint64_t arm(DeadlineSlot* slot, int queue_id, long mtype, Clock::time_point deadline, int request_queue_id) {
+  uint64_t arm(DeadlineSlot* slot, int queue_id, long mtype, Clock::time_point deadline, int request_queue_id,
+               ProcessIdentity peer) {
     MutexLock lock(&mu_);
     slot->queue_id = queue_id;
     slot->request_queue_id = request_queue_id;
+    slot->peer = peer;
+    slot->reader_task = 0;
+    slot->reader_gone = false;
     slot->armed_at = Clock::now();
     slot->mtype = mtype;
     slot->deadline = deadline;
@@ -176,7 +219,7 @@ class Watchdog {
           if (slot->request_queue_id >= 0) next = std::min(next, now + kReaderPoll);
           continue;
         }
-        const int err = queue_deadline_frame(slot->queue_id, slot->mtype, slot->token);
+        const int err = end_wait(slot);
         if (err == 0 || queue_gone(err)) {
           slot->fired = true;  // a removed queue ends the wait by itself
         } else {
@@ -190,14 +233,23 @@ class Watchdog {
   }
 
   // Whether the wait of `slot` watches a request queue whose last reader
-  // has ended, and nobody will take the request. REQUIRES: mu_ held.
-  static bool reader_ended(const DeadlineSlot* slot, Clock::time_point now) {
+  // has ended, and nobody will take the request. The reader's process is
+  // looked up when it changes, so that a later holder of its id is not taken
+  // for it. REQUIRES: mu_ held.
+  static bool reader_ended(DeadlineSlot* slot, Clock::time_point now) {
     QueueReader reader;
-    if (slot->request_queue_id < 0 || !read_queue_reader(slot->request_queue_id, &reader) ||
-        !process_ended(reader.pid)) {
+    if (slot->request_queue_id < 0 || !read_queue_reader(slot->request_queue_id, &reader) || reader.pid <= 0) {
       return false;
     }
-    return reader.queued == 0 || now - slot->armed_at >= kUnreadGrace;
+    if (reader.pid != slot->reader_task) {
+      slot->reader_task = reader.pid;
+      slot->reader_gone = !process_identity(reader.pid, &slot->reader);
+    }
+    if (!slot->reader_gone && !process_ended(slot->reader)) return false;
+    // The service that answered before still lives: the reader that ended
+    // was another process, and the service may still answer.
+    if (slot->peer.known() && !process_ended(slot->peer)) return false;
+    return !frame_waiting(slot->request_queue_id, slot->mtype) || now - slot->armed_at >= kUnreadGrace;
   }
 
   pthread_mutex_t mu_;
@@ -222,8 +274,8 @@ void set_reply_timeout_for_testing(std::chrono::milliseconds timeout) {
 }
 
 uint64_t arm_reply_deadline(DeadlineSlot* slot, int reply_queue_id, long mtype, Clock::time_point deadline,
-                            int request_queue_id) {
-  return Watchdog::instance().arm(slot, reply_queue_id, mtype, deadline, request_queue_id);
+                            int request_queue_id, ProcessIdentity peer) {
+  return Watchdog::instance().arm(slot, reply_queue_id, mtype, deadline, request_queue_id, peer);
 }
 
 bool disarm_reply_deadline(DeadlineSlot* slot) { return Watchdog::instance().disarm(slot); }
