@@ -277,7 +277,7 @@ TEST_F(AvctlSession, PlayAgainstAServiceThatEndsExits3) {
   std::remove(avctl_output_file().c_str());
   Ran ran{-1, ""};
   std::thread avctl(
-      [&] { ran = run_avctl({"--media-log", "/dev/null", "play", pavo::e2e::kVod, "--for", "3000"}); });
+      [&] { ran = run_avctl({"--media-log", "/dev/null", "play", pavo::e2e::kVod, "--for", "30000"}); });
   const bool playing = pavo::test::wait_until(
       [] {
         std::ostringstream text;
@@ -286,7 +286,11 @@ TEST_F(AvctlSession, PlayAgainstAServiceThatEndsExits3) {
       },
       pavo::e2e::wait_limit());
   service_.kill_now();
+  const auto killed = std::chrono::steady_clock::now();
   avctl.join();
+  // The library tells the object that its service has ended (error state) within
+  // about a second; pavo-avctl does not play on until its --for ends.
+  EXPECT_LT(std::chrono::steady_clock::now() - killed, pavo::e2e::wait_limit() / 3);
   EXPECT_TRUE(playing);
   EXPECT_EQ(ran.status, 3) << ran.output;
   EXPECT_NE(ran.output.find("no media-player service answers any more"), std::string::npos) << ran.output;

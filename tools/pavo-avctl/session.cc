@@ -326,11 +326,24 @@ bool Session::wait_event(const Step& step, std::string& why) {
   return false;
 }
 
+// Lets time pass, but not past a fall into the error state (a service that
+// ended, a stream that broke): playing on for the rest of the time would
+// only hide it.
 bool Session::sleep(const Step& step, std::string& why) {
   const Deadline deadline = deadline_of(step, 0);
-  book_.wait(deadline, [](const std::vector<Observed>&, int) { return false; });
-  if (!stop_requested()) return true;
-  why = "interrupted";
+  int before = -1;
+  const bool broke = book_.wait(deadline, [&](const std::vector<Observed>&, int state) {
+    if (before < 0) before = state;
+    return state == PAVO_AVCTRL_PLAYSTATE_ERROR && before != PAVO_AVCTRL_PLAYSTATE_ERROR;
+  });
+  if (stop_requested()) {
+    why = "interrupted";
+    return false;
+  }
+  if (!broke) return true;
+  PavoAVCtrlPlayStateError error = PAVO_AVCTRL_ERROR_NONE;
+  Pavo_AVCtrl_GetError(handle_, &error);
+  why = format("the object went to the error state (error code %d, %s)", error, error_code_name(error));
   return false;
 }
 
