@@ -6,6 +6,8 @@
 #include <memory>
 #include <utility>
 
+#include "pavo-media-service/gst_network.h"
+
 namespace pavo::service {
 
 bool GstPlayer::make_pipeline() {
@@ -25,6 +27,7 @@ bool GstPlayer::make_pipeline() {
       g_object_set(playbin, property, sink, nullptr);
     }
   }
+  tune_adaptive_demuxers(playbin);
   pipeline_ = GST_ELEMENT(gst_object_ref_sink(playbin));
   bus_ = gst_element_get_bus(pipeline_);
   worker_ = std::make_unique<PipelineThread>(pipeline_);
@@ -171,6 +174,7 @@ int GstPlayer::load(const std::string& url, Clock::time_point now, Outbox* out) 
   last_position_at_ = now;
   phase_ = Phase::kConnecting;
   first_preroll_ = true;
+  announce_speed_ = true;
   if (state_ == kConnecting) state_ = kLoaded;  // a reload reports connecting again
   set_state(kConnecting, out);
   // A failure shows as an error message on the bus.
@@ -181,6 +185,12 @@ int GstPlayer::load(const std::string& url, Clock::time_point now, Outbox* out) 
 
 void GstPlayer::start_playing(Outbox* out) {
   phase_ = Phase::kStarting;
+  if (announce_speed_) {
+    // Playback that starts (after a load, or a play after stop) reports its
+    // speed first, whichever way it got there (pre-roll or buffering).
+    announce_speed_ = false;
+    emit(kSpeedChangeEvent, 0, static_cast<int>(std::lround(speed_ * 1000.0)), 0.0, out);
+  }
   // Playing at once (no state-changed message follows) when it already was.
   const bool there = worker_->call<bool>(
       [](GstElement* pipeline) {
@@ -242,6 +252,7 @@ int GstPlayer::play(Clock::time_point now, Outbox* out) {
       held_position_ = 0.0;
       phase_ = Phase::kPrerolling;
       first_preroll_ = true;
+      announce_speed_ = true;
       rate_pending_ = speed_ != 1.0 && speed_ != 0.0;
       pipeline_rate_ = 1.0;
       set_state(kBuffering, out);
@@ -398,10 +409,14 @@ int GstPlayer::change_selection(int kind, int index, Outbox* out) {
   }
   // The track change follows when the pipeline reports the selection.
   announce_selection_ = true;
-  return send_selection() ? 0 : -1;
+  send_selection();
+  return 0;
 }
 
-bool GstPlayer::send_selection() {
+// The event's result is not the selection's: an adaptive demuxer takes the
+// event from its first pad and answers false on the others, and playbin3
+// passes that on. streams-selected tells what the pipeline did.
+void GstPlayer::send_selection() {
   std::vector<std::string> wanted;
   for (int k = kVideoTrack; k <= kSubtitleTrack; ++k) {
     int seen = 0;
@@ -409,15 +424,12 @@ bool GstPlayer::send_selection() {
       if (tracks_[i].kind == k && seen++ == wanted_[k]) wanted.push_back(stream_ids_[i]);
     }
   }
-  return worker_->call<bool>(
-      [wanted](GstElement* pipeline) -> bool {
-        GList* ids = nullptr;
-        for (const std::string& id : wanted) ids = g_list_append(ids, const_cast<char*>(id.c_str()));
-        const bool sent = gst_element_send_event(pipeline, gst_event_new_select_streams(ids));
-        g_list_free(ids);
-        return sent;
-      },
-      true, kCallWait);
+  worker_->post([wanted](GstElement* pipeline) {
+    GList* ids = nullptr;
+    for (const std::string& id : wanted) ids = g_list_append(ids, const_cast<char*>(id.c_str()));
+    gst_element_send_event(pipeline, gst_event_new_select_streams(ids));
+    g_list_free(ids);
+  });
 }
 
 bool GstPlayer::selection_differs() const {

@@ -148,13 +148,15 @@ class GstPlayer final : public PlayerEngine {
   void handle(GstMessage* message, Outbox* out);
   void on_async_done(Outbox* out);
   void on_error(GstMessage* message, Outbox* out);
+  // The error event with `code`, then the error state; the pipeline is shut.
+  void fail(int code, Outbox* out);
   void on_eos(Outbox* out);
   void on_buffering(int percent, Outbox* out);
   void on_collection(GstStreamCollection* collection, Outbox* out);
   void on_streams_selected(GstMessage* message, Outbox* out);
   void read_tracks();
   int change_selection(int kind, int index, Outbox* out);
-  bool send_selection();
+  void send_selection();
   bool selection_differs() const;
 
   unsigned id_;
@@ -180,6 +182,7 @@ class GstPlayer final : public PlayerEngine {
 
   Phase phase_ = Phase::kNone;
   bool first_preroll_ = false;     // the preroll of a load or of a play after stop
+  bool announce_speed_ = false;    // the next start of playback reports the speed first
   bool play_wanted_ = true;        // where a load or seek ends: playing or paused
   bool seek_pending_ = false;      // a seek waits for the phase under way
   bool seek_reported_ = false;     // the seek under way ends with seek-completed
