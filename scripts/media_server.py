@@ -64,6 +64,11 @@ class Server(http.server.ThreadingHTTPServer):
         self.live_start = None
         self.stall_start = None
 
+    def handle_error(self, request, client_address):
+        """A client that goes away is no error of the server's."""
+        if not isinstance(sys.exc_info()[1], ConnectionError):
+            super().handle_error(request, client_address)
+
     def note_request(self):
         with self.lock:
             if self.first_request is not None:

@@ -164,7 +164,7 @@ int GstPlayer::load(const std::string& url, Clock::time_point now, Outbox* out) 
   wanted_[kVideoTrack] = active_[kVideoTrack] = 0;
   wanted_[kAudioTrack] = active_[kAudioTrack] = 0;
   wanted_[kSubtitleTrack] = active_[kSubtitleTrack] = -1;
-  announce_selection_ = false;
+  std::fill(std::begin(announce_), std::end(announce_), false);
   loops_left_ = settings_.loop_count;
   play_wanted_ = true;
   seek_pending_ = seek_reported_ = buffering_ = at_edge_ = false;
@@ -336,6 +336,8 @@ int GstPlayer::seek(double seconds, Clock::time_point now, Outbox* out) {
 int GstPlayer::set_rate(double thousandths, Clock::time_point now, Outbox* out) {
   const double speed = thousandths / 1000.0;
   if (!std::isfinite(speed) || std::fabs(speed) > kMaxSpeed) return -1;
+  // A live stream plays at its edge: nothing lies ahead to play faster.
+  if (speed > 1.0 && duration_ == kUnknownDuration && prerolled()) return -1;
   poll_soon(now);
   const int reported = static_cast<int>(std::lround(thousandths));
   if (speed == 0.0) {
@@ -408,7 +410,7 @@ int GstPlayer::change_selection(int kind, int index, Outbox* out) {
     return 0;
   }
   // The track change follows when the pipeline reports the selection.
-  announce_selection_ = true;
+  announce_[kind] = true;
   send_selection();
   return 0;
 }

@@ -178,7 +178,7 @@ class GstPlayer final : public PlayerEngine {
   int wanted_[3] = {0, 0, -1};           // selection asked of the pipeline
   int active_[3] = {0, 0, -1};           // selection the pipeline reported
   bool subtitles_enabled_ = false;
-  bool announce_selection_ = false;      // the page asked: report what the pipeline selects
+  bool announce_[3] = {false, false, false};  // the page asked: report what the pipeline selects
 
   Phase phase_ = Phase::kNone;
   bool first_preroll_ = false;     // the preroll of a load or of a play after stop

@@ -231,10 +231,10 @@ void GstPlayer::on_streams_selected(GstMessage* message, Outbox* out) {
   for (int kind = kVideoTrack; kind <= kSubtitleTrack; ++kind) {
     if (selected[kind] != active_[kind]) {
       active_[kind] = selected[kind];
-      if (announce_selection_) emit(kTrackChangeEvent, 0, kind, 0.0, out);
+      if (announce_[kind]) emit(kTrackChangeEvent, 0, kind, 0.0, out);
     }
+    if (active_[kind] == wanted_[kind]) announce_[kind] = false;
   }
-  if (!selection_differs()) announce_selection_ = false;
 }
 
 void GstPlayer::run_waiting_seek() {
