@@ -22,9 +22,13 @@ apt_get() { "${sudo_cmd[@]}" env DEBIAN_FRONTEND=noninteractive apt-get "$@"; }
 host_pkgs=(cmake make g++ pkg-config libjsoncpp-dev libgtest-dev libgmock-dev libbenchmark-dev
            clang libclang-rt-dev util-linux iproute2)
 # The GStreamer engine of pavo-media-service and its generated test media (VP8 and Vorbis
-# in Matroska: encoders and decoders of plugins-base and plugins-good).
+# in Matroska: encoders and decoders of plugins-base and plugins-good). Broadband streams:
+# HTTP and the DASH/HLS demuxers are in plugins-good, H.264 parsing in plugins-bad, H.264
+# and AAC decoding in libav;
+# python3 runs the test media server, ffmpeg makes the DASH, HLS and MP4 test streams.
 host_pkgs+=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base
-            gstreamer1.0-plugins-good gstreamer1.0-tools)
+            gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-libav gstreamer1.0-tools
+            ffmpeg python3)
 arm_pkgs=(g++-arm-linux-gnueabihf qemu-user libjsoncpp-dev:armhf libgtest-dev:armhf libgmock-dev:armhf)
 
 missing() {
