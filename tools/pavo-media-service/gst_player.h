@@ -17,12 +17,13 @@
 //              request; 0 pauses.
 //   position   and duration from queries; the seek target while seeking.
 //   EOS        finished, or a new pass while loops are left.
-//   errors     an error event with the protocol's number (resource errors:
-//              network; stream type and demux errors: format; codec, decode
-//              and library errors: decoder; decryption: encrypted), then
-//              the error state, and the pipeline is shut.
+//   errors     an error event with the protocol's number (resource errors,
+//              and stream failures of the HTTP source: network; stream type
+//              and demux errors: format; codec, decode and library errors,
+//              and a missing audio or video decoder: decoder; decryption:
+//              encrypted), then the error state, and the pipeline is shut.
 //   tracks     the stream collection: kind, caps name as encoding, the
-//              language tag as the container gives it, channels, size;
+//              language as GStreamer's two-letter code, channels, size;
 //              selection through select-streams, with the track-change
 //              event once the pipeline reports the streams selected.
 //
