@@ -15,10 +15,9 @@ Once listening it prints "media_server: http://127.0.0.1:PORT/" and flushes.
 Paths select behaviour per request, so that one server serves every case:
   /404/P          404 Not Found
   /slow/B/P       P at B bytes per second
-  /stall/S/D/P    P, but segment requests (anything but manifests and
-                  playlists) that come between S and S+D seconds after the
-                  first stall request wait until S+D (a link that stops for D
-                  seconds)
+  /stall/N/D/P    P, but after N segment requests (anything but manifests
+                  and playlists) the link stops for D seconds: the requests
+                  that come in that window wait until its end
   /flaky/P        P when it is a manifest or playlist, 404 for anything else
                   (every segment download fails)
   /live/P         an HLS media playlist P as a live window: no end tag, three
@@ -62,7 +61,8 @@ class Server(http.server.ThreadingHTTPServer):
         self.lock = threading.Lock()
         self.first_request = None
         self.live_start = None
-        self.stall_start = None
+        self.stall_start = None  # when the stall window opened
+        self.stall_count = 0  # segment requests under /stall/
 
     def handle_error(self, request, client_address):
         """A client that goes away is no error of the server's."""
@@ -79,14 +79,16 @@ class Server(http.server.ThreadingHTTPServer):
             timer.daemon = True
             timer.start()
 
-    def stall(self, begin, length, wait):
-        """Waits out the stall window when now is inside it and `wait`."""
+    def stall(self, after, length):
+        """Counts a segment request; waits out the stall window when in it."""
         with self.lock:
-            if self.stall_start is None:
-                self.stall_start = time.monotonic()
-            elapsed = time.monotonic() - self.stall_start
-        if wait and begin <= elapsed < begin + length:
-            time.sleep(begin + length - elapsed)
+            self.stall_count += 1
+            now = time.monotonic()
+            if self.stall_count > after and self.stall_start is None:
+                self.stall_start = now
+            left = 0 if self.stall_start is None else self.stall_start + length - now
+        if left > 0:
+            time.sleep(left)
 
     def live_elapsed(self):
         with self.lock:
@@ -148,11 +150,12 @@ class Handler(http.server.BaseHTTPRequestHandler):
             rate, parts = int(parts[1]), parts[2:]
         elif parts[:1] == ["stall"] and len(parts) > 3:
             try:
-                begin, length = float(parts[1]), float(parts[2])
+                after, length = int(parts[1]), float(parts[2])
             except ValueError:
                 return self.fail(400)
             parts = parts[3:]
-            self.server.stall(begin, min(length, 60.0), not parts[-1].endswith((".mpd", ".m3u8")))
+            if not parts[-1].endswith((".mpd", ".m3u8")):
+                self.server.stall(after, min(length, 60.0))
         elif parts[:1] == ["flaky"]:
             parts = parts[1:]
             if not parts or not parts[-1].endswith((".mpd", ".m3u8")):

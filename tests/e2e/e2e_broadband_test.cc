@@ -142,11 +142,12 @@ TEST_F(Broadband, HlsAndProgressiveFilesSeekAndFinish) {
   }
 }
 
-// A link that stops delivering for 7 s from the first second on: the
-// 4 s the demuxer buffered play out, then buffering, then playing again
-// once segments arrive; never a stall that the page is not told about.
+// A link that stops for 6 s once the demuxer has started playback (two
+// init segments, the subtitle file, three segments of each track): the 6 s
+// in play out, then buffering, then playing again once segments arrive;
+// never a stall that the page is not told about.
 TEST_F(Broadband, StalledLinkBuffersThenPlaysAgain) {
-  play_until_playing(url("stall/1/7/dash/manifest.mpd").c_str());
+  play_until_playing(url("stall/9/6/dash/manifest.mpd").c_str());
   const std::size_t from = log_.posts().size();
   const int buffering = wait_state(PAVO_AVCTRL_PLAYSTATE_BUFFERING, from);
   ASSERT_GE(buffering, 0) << log_.dump();
