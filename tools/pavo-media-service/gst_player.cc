@@ -6,6 +6,7 @@
 #include <memory>
 #include <utility>
 
+#include "pavo-media-service/gst_manifest.h"
 #include "pavo-media-service/gst_network.h"
 
 namespace pavo::service {
@@ -28,6 +29,8 @@ bool GstPlayer::make_pipeline() {
     }
   }
   tune_adaptive_demuxers(playbin);
+  manifest_ = std::make_shared<ManifestCopy>();
+  copy_manifests(playbin, manifest_);
   pipeline_ = GST_ELEMENT(gst_object_ref_sink(playbin));
   bus_ = gst_element_get_bus(pipeline_);
   worker_ = std::make_unique<PipelineThread>(pipeline_);
@@ -368,12 +371,14 @@ void GstPlayer::read_tracks() {
   stream_ids_.clear();
   if (!collection_) return;
   int counts[3] = {0, 0, 0};
+  const std::vector<Rendition> renditions = audio_renditions(manifest_ ? manifest_->text() : std::string());
   const guint n = gst_stream_collection_get_size(collection_.get());
   for (guint i = 0; i < n; ++i) {
     GstStream* stream = gst_stream_collection_get_stream(collection_.get(), i);
     const int kind = kind_of(gst_stream_get_stream_type(stream));
     if (!valid_track_kind(kind)) continue;
     Track t = describe_stream(stream, kind, static_cast<int>(i) + 1);
+    if (kind == kAudioTrack) complete_audio_track(renditions, counts[kind], &t);
     t.priority = ++counts[kind];
     tracks_.push_back(std::move(t));
     const char* sid = gst_stream_get_stream_id(stream);

@@ -24,6 +24,8 @@
 //              encrypted), then the error state, and the pipeline is shut.
 //   tracks     the stream collection: kind, caps name as encoding, the
 //              language as GStreamer's two-letter code, channels, size;
+//              an audio rendition not fetched yet gets its encoding and
+//              channels from the manifest (gst_manifest.h);
 //              selection through select-streams, with the track-change
 //              event once the pipeline reports the streams selected.
 //
@@ -56,6 +58,7 @@
 #include <vector>
 
 #include "pavo-media-service/engine.h"
+#include "pavo-media-service/gst_manifest.h"
 #include "pavo-media-service/gst_pipeline_thread.h"
 #include "pavo-media-service/gst_streams.h"
 #include "pavo-media-service/protocol.h"
@@ -169,6 +172,7 @@ class GstPlayer final : public PlayerEngine {
   GstElement* pipeline_ = nullptr;  // owned; made at the first load
   GstBus* bus_ = nullptr;           // owned
   std::unique_ptr<PipelineThread> worker_;  // beside pipeline_: its blocking calls
+  std::shared_ptr<ManifestCopy> manifest_;  // beside pipeline_: what its adaptive demuxer read
   mutable double last_position_ = 0.0;      // the last position a query gave
   mutable Clock::time_point last_position_at_;  // when the pipeline gave it
   Phase watched_phase_ = Phase::kNone;      // the phase phase_since_ dates
