@@ -5,8 +5,9 @@
 # starts the service and runs the scripted session
 # tools/pavo-avctl/demo.session against it, printing the timeline of what
 # the plug-in receives. Then, where the service has its GStreamer engine, a
-# second service run plays a generated file (scripts/make_test_media.sh)
-# through tools/pavo-avctl/real-media.session. Last, an HbbTV page in headless
+# second service run plays a generated DASH stream (scripts/make_broadband_media.sh)
+# from the test media server (scripts/media_server.py, on 127.0.0.1) through
+# tools/pavo-avctl/real-media.session. Last, an HbbTV page in headless
 # Chromium (see run_browser_step). Exits 0 when every step succeeded.
 #
 # The service's own log (every request, reply and event) goes to
@@ -100,9 +101,27 @@ run_sessions() {
     run_browser_step http://media.test/vod.mp4
     exit
   fi
-  echo "demo: real media: the GStreamer engine plays $build/media/test.mkv"
-  run_session tools/pavo-avctl/real-media.session "$build/media-service-gstreamer.log" \
-    --engine gstreamer --sinks fake || exit
+  # The media server on a port of the system's choice; the session gets its address.
+  python3 scripts/media_server.py "$build/media/broadband" --port 0 >"$build/media-server.out" &
+  local server=$! waited=0
+  until grep -q '^media_server: ' "$build/media-server.out"; do
+    if ! kill -0 "$server" 2>/dev/null || ((waited >= 100)); then
+      echo "demo: the media server did not start" >&2
+      exit 1
+    fi
+    sleep 0.1
+    waited=$((waited + 1))
+  done
+  local base
+  base=$(sed -n 's/^media_server: //p' "$build/media-server.out")
+  sed "s|@MEDIA@|$base|" tools/pavo-avctl/real-media.session >"$build/real-media.session"
+  echo "demo: real media: the GStreamer engine plays ${base}dash/manifest.mpd"
+  local status=0
+  run_session "$build/real-media.session" "$build/media-service-gstreamer.log" \
+    --engine gstreamer --sinks fake || status=$?
+  kill -TERM "$server"
+  wait "$server" 2>/dev/null || true
+  ((status == 0)) || exit "$status"
   run_browser_step "$PWD/$build/media/browser.mkv" --engine gstreamer --sinks fake
   exit
 }
@@ -121,7 +140,7 @@ cmake --build "$build" -j"$(nproc)" --target pavo-avctl pavo-hbbtv-browser pavo-
   >build/demo.build.log 2>&1 ||
   { cat build/demo.build.log; exit 1; }
 if grep -q '^PAVO_WITH_GSTREAMER_FOUND:INTERNAL=ON' "$build/CMakeCache.txt"; then
-  scripts/make_test_media.sh "$build/media/test.mkv" 6
+  scripts/make_broadband_media.sh "$build/media/broadband" 20
   scripts/make_test_media.sh "$build/media/browser.mkv" 30
 fi
 # The service's queues have fixed keys: a private IPC namespace keeps the demo

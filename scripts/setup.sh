@@ -22,13 +22,15 @@ apt_get() { "${sudo_cmd[@]}" env DEBIAN_FRONTEND=noninteractive apt-get "$@"; }
 host_pkgs=(cmake make g++ pkg-config libjsoncpp-dev libgtest-dev libgmock-dev libbenchmark-dev
            clang libclang-rt-dev util-linux iproute2)
 # The GStreamer engine of pavo-media-service and its generated test media (VP8 and Vorbis
-# in Matroska: encoders and decoders of plugins-base and plugins-good); plugins-bad, -ugly
-# and libav for the formats of real broadcasters' streams (H.264, AAC, DASH, HLS).
+# in Matroska: encoders and decoders of plugins-base and plugins-good). Broadband streams:
+# HTTP and the DASH/HLS demuxers are in plugins-good, H.264 parsing in plugins-bad, H.264
+# and AAC decoding in libav, further formats in plugins-ugly; ffmpeg makes the DASH, HLS
+# and MP4 test streams.
 host_pkgs+=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base
-            gstreamer1.0-plugins-good gstreamer1.0-tools gstreamer1.0-plugins-bad
-            gstreamer1.0-plugins-ugly gstreamer1.0-libav)
+            gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly
+            gstreamer1.0-libav gstreamer1.0-tools ffmpeg)
 # pavo-hbbtv-browser and its tests: Chromium's headless shell (about 300 MB installed), and
-# Python for the tests' page server (standard library only).
+# Python for the tests' page server and the test media server (standard library only).
 host_pkgs+=(chromium-headless-shell python3)
 arm_pkgs=(g++-arm-linux-gnueabihf qemu-user libjsoncpp-dev:armhf libgtest-dev:armhf libgmock-dev:armhf)
 

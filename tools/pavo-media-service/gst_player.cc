@@ -7,6 +7,9 @@
 #include <memory>
 #include <utility>
 
+#include "pavo-media-service/gst_manifest.h"
+#include "pavo-media-service/gst_network.h"
+
 namespace pavo::service {
 
 bool GstPlayer::make_pipeline() {
@@ -26,6 +29,9 @@ bool GstPlayer::make_pipeline() {
       g_object_set(playbin, property, sink, nullptr);
     }
   }
+  tune_adaptive_demuxers(playbin);
+  manifest_ = std::make_shared<ManifestCopy>();
+  copy_manifests(playbin, manifest_);
   pipeline_ = GST_ELEMENT(gst_object_ref_sink(playbin));
   bus_ = gst_element_get_bus(pipeline_);
   worker_ = std::make_unique<PipelineThread>(pipeline_);
@@ -164,7 +170,7 @@ int GstPlayer::load(const std::string& url, Clock::time_point now, Outbox* out) 
   wanted_[kVideoTrack] = active_[kVideoTrack] = 0;
   wanted_[kAudioTrack] = active_[kAudioTrack] = 0;
   wanted_[kSubtitleTrack] = active_[kSubtitleTrack] = -1;
-  announce_selection_ = false;
+  std::fill(std::begin(announce_), std::end(announce_), false);
   loops_left_ = settings_.loop_count;
   play_wanted_ = true;
   seek_pending_ = seek_reported_ = buffering_ = at_edge_ = false;
@@ -174,6 +180,7 @@ int GstPlayer::load(const std::string& url, Clock::time_point now, Outbox* out) 
   last_position_at_ = now;
   phase_ = Phase::kConnecting;
   first_preroll_ = true;
+  announce_speed_ = true;
   if (state_ == kConnecting) state_ = kLoaded;  // a reload reports connecting again
   set_state(kConnecting, out);
   // A failure shows as an error message on the bus.
@@ -184,6 +191,12 @@ int GstPlayer::load(const std::string& url, Clock::time_point now, Outbox* out) 
 
 void GstPlayer::start_playing(Outbox* out) {
   phase_ = Phase::kStarting;
+  if (announce_speed_) {
+    // Playback that starts (after a load, or a play after stop) reports its
+    // speed first, whichever way it got there (pre-roll or buffering).
+    announce_speed_ = false;
+    emit(kSpeedChangeEvent, 0, static_cast<int>(std::lround(speed_ * 1000.0)), 0.0, out);
+  }
   // Playing at once (no state-changed message follows) when it already was.
   const bool there = worker_->call<bool>(
       [](GstElement* pipeline) {
@@ -245,6 +258,7 @@ int GstPlayer::play(Clock::time_point now, Outbox* out) {
       held_position_ = 0.0;
       phase_ = Phase::kPrerolling;
       first_preroll_ = true;
+      announce_speed_ = true;
       rate_pending_ = speed_ != 1.0 && speed_ != 0.0;
       pipeline_rate_ = 1.0;
       set_state(kBuffering, out);
@@ -328,6 +342,8 @@ int GstPlayer::seek(double seconds, Clock::time_point now, Outbox* out) {
 int GstPlayer::set_rate(double thousandths, Clock::time_point now, Outbox* out) {
   const double speed = thousandths / 1000.0;
   if (!std::isfinite(speed) || std::fabs(speed) > kMaxSpeed) return -1;
+  // A live stream plays at its edge: nothing lies ahead to play faster.
+  if (speed > 1.0 && duration_ == kUnknownDuration && prerolled()) return -1;
   poll_soon(now);
   const int reported = static_cast<int>(std::lround(thousandths));
   if (speed == 0.0) {
@@ -358,12 +374,14 @@ void GstPlayer::read_tracks() {
   stream_ids_.clear();
   if (!collection_) return;
   int counts[3] = {0, 0, 0};
+  const std::vector<Rendition> renditions = audio_renditions(manifest_ ? manifest_->text() : std::string());
   const guint n = gst_stream_collection_get_size(collection_.get());
   for (guint i = 0; i < n; ++i) {
     GstStream* stream = gst_stream_collection_get_stream(collection_.get(), i);
     const int kind = kind_of(gst_stream_get_stream_type(stream));
     if (!valid_track_kind(kind)) continue;
     Track t = describe_stream(stream, kind, static_cast<int>(i) + 1);
+    if (kind == kAudioTrack) complete_audio_track(renditions, counts[kind], &t);
     t.priority = ++counts[kind];
     tracks_.push_back(std::move(t));
     const char* sid = gst_stream_get_stream_id(stream);
@@ -400,11 +418,15 @@ int GstPlayer::change_selection(int kind, int index, Outbox* out) {
     return 0;
   }
   // The track change follows when the pipeline reports the selection.
-  announce_selection_ = true;
-  return send_selection() ? 0 : -1;
+  announce_[kind] = true;
+  send_selection();
+  return 0;
 }
 
-bool GstPlayer::send_selection() {
+// The event's result is not the selection's: an adaptive demuxer takes the
+// event from its first pad and answers false on the others, and playbin3
+// passes that on. streams-selected tells what the pipeline did.
+void GstPlayer::send_selection() {
   std::vector<std::string> wanted;
   for (int k = kVideoTrack; k <= kSubtitleTrack; ++k) {
     int seen = 0;
@@ -412,15 +434,12 @@ bool GstPlayer::send_selection() {
       if (tracks_[i].kind == k && seen++ == wanted_[k]) wanted.push_back(stream_ids_[i]);
     }
   }
-  return worker_->call<bool>(
-      [wanted](GstElement* pipeline) -> bool {
-        GList* ids = nullptr;
-        for (const std::string& id : wanted) ids = g_list_append(ids, const_cast<char*>(id.c_str()));
-        const bool sent = gst_element_send_event(pipeline, gst_event_new_select_streams(ids));
-        g_list_free(ids);
-        return sent;
-      },
-      true, kCallWait);
+  worker_->post([wanted](GstElement* pipeline) {
+    GList* ids = nullptr;
+    for (const std::string& id : wanted) ids = g_list_append(ids, const_cast<char*>(id.c_str()));
+    gst_element_send_event(pipeline, gst_event_new_select_streams(ids));
+    g_list_free(ids);
+  });
 }
 
 bool GstPlayer::selection_differs() const {

@@ -17,12 +17,15 @@
 //              request; 0 pauses.
 //   position   and duration from queries; the seek target while seeking.
 //   EOS        finished, or a new pass while loops are left.
-//   errors     an error event with the protocol's number (resource errors:
-//              network; stream type and demux errors: format; codec, decode
-//              and library errors: decoder; decryption: encrypted), then
-//              the error state, and the pipeline is shut.
+//   errors     an error event with the protocol's number (resource errors,
+//              and stream failures of the HTTP source: network; stream type
+//              and demux errors: format; codec, decode and library errors,
+//              and a missing audio or video decoder: decoder; decryption:
+//              encrypted), then the error state, and the pipeline is shut.
 //   tracks     the stream collection: kind, caps name as encoding, the
-//              language tag as the container gives it, channels, size;
+//              language as GStreamer's two-letter code, channels, size;
+//              an audio rendition not fetched yet gets its encoding and
+//              channels from the manifest (gst_manifest.h);
 //              selection through select-streams, with the track-change
 //              event once the pipeline reports the streams selected.
 //
@@ -55,6 +58,7 @@
 #include <vector>
 
 #include "pavo-media-service/engine.h"
+#include "pavo-media-service/gst_manifest.h"
 #include "pavo-media-service/gst_pipeline_thread.h"
 #include "pavo-media-service/gst_streams.h"
 #include "pavo-media-service/protocol.h"
@@ -148,13 +152,15 @@ class GstPlayer final : public PlayerEngine {
   void handle(GstMessage* message, Outbox* out);
   void on_async_done(Outbox* out);
   void on_error(GstMessage* message, Outbox* out);
+  // The error event with `code`, then the error state; the pipeline is shut.
+  void fail(int code, Outbox* out);
   void on_eos(Outbox* out);
   void on_buffering(int percent, Outbox* out);
   void on_collection(GstStreamCollection* collection, Outbox* out);
   void on_streams_selected(GstMessage* message, Outbox* out);
   void read_tracks();
   int change_selection(int kind, int index, Outbox* out);
-  bool send_selection();
+  void send_selection();
   bool selection_differs() const;
 
   unsigned id_;
@@ -166,6 +172,7 @@ class GstPlayer final : public PlayerEngine {
   GstElement* pipeline_ = nullptr;  // owned; made at the first load
   GstBus* bus_ = nullptr;           // owned
   std::unique_ptr<PipelineThread> worker_;  // beside pipeline_: its blocking calls
+  std::shared_ptr<ManifestCopy> manifest_;  // beside pipeline_: what its adaptive demuxer read
   mutable double last_position_ = 0.0;      // the last position a query gave
   mutable Clock::time_point last_position_at_;  // when the pipeline gave it
   Phase watched_phase_ = Phase::kNone;      // the phase phase_since_ dates
@@ -176,10 +183,11 @@ class GstPlayer final : public PlayerEngine {
   int wanted_[3] = {0, 0, -1};           // selection asked of the pipeline
   int active_[3] = {0, 0, -1};           // selection the pipeline reported
   bool subtitles_enabled_ = false;
-  bool announce_selection_ = false;      // the page asked: report what the pipeline selects
+  bool announce_[3] = {false, false, false};  // the page asked: report what the pipeline selects
 
   Phase phase_ = Phase::kNone;
   bool first_preroll_ = false;     // the preroll of a load or of a play after stop
+  bool announce_speed_ = false;    // the next start of playback reports the speed first
   bool play_wanted_ = true;        // where a load or seek ends: playing or paused
   bool seek_pending_ = false;      // a seek waits for the phase under way
   bool seek_reported_ = false;     // the seek under way ends with seek-completed

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "pavo-media-service/console.h"
+#include "pavo-media-service/gst_network.h"
 
 namespace pavo::service {
 
@@ -104,6 +105,14 @@ void GstPlayer::handle(GstMessage* message, Outbox* out) {
     case GST_MESSAGE_STREAMS_SELECTED:
       on_streams_selected(message, out);
       break;
+    case GST_MESSAGE_ELEMENT:
+      // Without a decoder for its audio or video the stream cannot play;
+      // the pipeline might still pre-roll the rest and report playing.
+      if (lacks_decoder(message)) {
+        trace("player %u: no decoder for a stream: error %d", id_, kDecoderError);
+        fail(kDecoderError, out);
+      }
+      break;
     default:
       break;
   }
@@ -113,11 +122,21 @@ void GstPlayer::on_error(GstMessage* message, Outbox* out) {
   GError* error = nullptr;
   gchar* debug = nullptr;
   gst_message_parse_error(message, &error, &debug);
-  const int code = error != nullptr ? media_error(error) : kFormatError;
+  int code = error != nullptr ? media_error(error) : kFormatError;
+  // The network source's stream failures are the connection's: libsoup's
+  // refused connection or a server gone mid-stream arrive as a failed
+  // stream ("Internal data stream error"), not as a resource error.
+  if (error != nullptr && error->domain == GST_STREAM_ERROR && reads_network(GST_MESSAGE_SRC(message))) {
+    code = kNetworkError;
+  }
   trace("player %u: pipeline error (%s, debug: %s): error %d", id_,
         error != nullptr ? error->message : "?", debug != nullptr ? debug : "-", code);
   if (error != nullptr) g_error_free(error);
   g_free(debug);
+  fail(code, out);
+}
+
+void GstPlayer::fail(int code, Outbox* out) {
   held_position_ = query_position();
   change_state(GST_STATE_NULL, true);
   phase_ = Phase::kNone;
@@ -174,6 +193,7 @@ void GstPlayer::on_buffering(int percent, Outbox* out) {
 void GstPlayer::on_collection(GstStreamCollection* collection, Outbox* out) {
   collection_.reset(collection);
   read_tracks();
+  for (std::size_t i = 0; i < tracks_.size(); ++i) trace("player %u: stream %s", id_, stream_ids_[i].c_str());
   if (phase_ == Phase::kConnecting) {
     phase_ = Phase::kPrerolling;
     set_state(kBuffering, out);
@@ -211,10 +231,10 @@ void GstPlayer::on_streams_selected(GstMessage* message, Outbox* out) {
   for (int kind = kVideoTrack; kind <= kSubtitleTrack; ++kind) {
     if (selected[kind] != active_[kind]) {
       active_[kind] = selected[kind];
-      if (announce_selection_) emit(kTrackChangeEvent, 0, kind, 0.0, out);
+      if (announce_[kind]) emit(kTrackChangeEvent, 0, kind, 0.0, out);
     }
+    if (active_[kind] == wanted_[kind]) announce_[kind] = false;
   }
-  if (!selection_differs()) announce_selection_ = false;
 }
 
 void GstPlayer::run_waiting_seek() {
@@ -240,8 +260,6 @@ void GstPlayer::finish_preroll(bool first, Outbox* out) {
     set_state(kPaused, out);
     return;
   }
-  // Playback that starts reports its speed first.
-  if (first) emit(kSpeedChangeEvent, 0, static_cast<int>(std::lround(speed_ * 1000.0)), 0.0, out);
   start_playing(out);
 }
 

@@ -1,5 +1,7 @@
 #include "pavo-media-service/gst_streams.h"
 
+#include <gst/tag/tag.h>
+
 #include "pavo-media-service/protocol.h"
 
 namespace pavo::service {
@@ -49,7 +51,12 @@ Track describe_stream(GstStream* stream, int kind, int number) {
   if (tags) {
     gchar* text = nullptr;
     if (gst_tag_list_get_string(tags.get(), GST_TAG_LANGUAGE_CODE, &text)) {
-      t.language = text;
+      // One spelling whatever the source: containers give two letters
+      // ("de"), manifests what their author wrote ("deu", "ger", "de");
+      // GStreamer's two-letter code where it knows the language, which the
+      // library turns into its three-letter one.
+      const gchar* two_letters = gst_tag_get_language_code(text);
+      t.language = two_letters != nullptr ? two_letters : text;
       g_free(text);
     }
     if (gst_tag_list_get_string(tags.get(), GST_TAG_TITLE, &text)) {

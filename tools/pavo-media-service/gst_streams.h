@@ -41,7 +41,8 @@ int media_error(const GError* error);
 int kind_of(GstStreamType type);
 
 // One track record from a stream of the collection: caps name as encoding,
-// the language tag as the container gives it, channels, size and title.
+// the language tag as GStreamer's two-letter code where it knows the
+// language (as given otherwise), channels, size and title.
 Track describe_stream(GstStream* stream, int kind, int number);
 
 }  // namespace pavo::service

@@ -1,0 +1,214 @@
+// End to end with broadband streams: pavo-media-service's GStreamer engine
+// (fake sinks, real time) plays what scripts/media_server.py serves on
+// 127.0.0.1 from the media that scripts/make_broadband_media.sh made (the
+// broadband_test_media test, which ctest runs first: 20 s of H.264 video,
+// AAC audio "eng" stereo and "deu" mono, a French WebVTT subtitle, as DASH,
+// HLS, MP4 and Matroska, and faulty files), driven through the library as
+// the plug-in drives it. Every check on time has a tolerance, every wait a
+// deadline.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <string>
+#include <thread>
+
+#include "av_control_adaptor/components.h"
+#include "e2e_fixture.h"
+#include "media_server_process.h"
+#include "support/test_queues.h"
+
+namespace pavo::e2e {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr double kMediaMs = 20000.0;  // length of the generated streams
+
+class Broadband : public EndToEnd {
+ protected:
+  Broadband() {
+    time_scale_ = 1.0;
+    service_args_ = {"--engine", "gstreamer", "--sinks", "fake"};
+  }
+  void SetUp() override {
+    EndToEnd::SetUp();
+    ASSERT_TRUE(server_.start(PAVO_MEDIA_SERVER, PAVO_BROADBAND_MEDIA, wait_limit()));
+  }
+  std::string url(const std::string& path) const { return server_.base_url() + path; }
+
+  // Language, channels and encoding of each component of `type`.
+  static std::string components(PavoAVComponentType type) {
+    PavoRecordList list;
+    EXPECT_NE(Init(&list), nullptr);
+    EXPECT_EQ(pavo::avctrl::GetComponents(type, &list), 0);
+    std::string text;
+    for (const PavoAVComponentRecord* r = list.records; r != list.records + list.count; ++r) {
+      text += std::string(r->language) + " " + std::to_string(r->audioChannels) + " " + r->encoding + "; ";
+    }
+    list.destructor(&list);
+    return text;
+  }
+
+  // Media ms per wall-clock ms over `ms` of playback.
+  double pace(int ms) {
+    const Clock::time_point t0 = Clock::now();
+    const double p0 = position_ms();
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    return (position_ms() - p0) / std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+  }
+
+  // Posts of play state `state` from `from` on.
+  int count_state(int state, std::size_t from = 0) {
+    int n = 0;
+    const auto posts = log_.posts();
+    for (std::size_t i = from; i < posts.size(); ++i) {
+      n += posts[i].event == PAVO_AVCTRL_EVENT_PLAYSTATECHANGE && posts[i].int_value == state;
+    }
+    return n;
+  }
+
+  MediaServerProcess server_;
+};
+
+// DASH as the HbbTV application hands it over: the manifest's components
+// (two audio languages, the subtitle), an audio switch by language while
+// playing, a seek, and on to finished at the media's pace.
+TEST_F(Broadband, DashComponentsAudioSwitchSeekAndFinish) {
+  play_until_playing(url("dash/manifest.mpd").c_str());
+  for (const Post& p : log_.posts()) {  // playback that starts after buffering reports speed 1 too
+    EXPECT_FALSE(p.event == PAVO_AVCTRL_EVENT_SPEEDCHANGE && p.double_value != 1.0) << log_.dump();
+  }
+  // The manifest says "eng", "deu" (mono: the manifest tells, the German
+  // segments are not fetched yet) and "fr".
+  EXPECT_EQ(components(PAVO_AV_COMPONENT_TYPE_AUDIO), "eng 2 audio/mpeg; ger 1 audio/mpeg; ");
+  EXPECT_EQ(components(PAVO_AV_COMPONENT_TYPE_SUBTITLE), "fre 0 text/x-raw; ");
+
+  std::size_t from = log_.posts().size();
+  const Clock::time_point asked = Clock::now();
+  ASSERT_EQ(Pavo_AVCtrl_SelectComponent(av_, PAVO_AV_COMPONENT_TYPE_AUDIO, 1), 0);
+  ASSERT_GE(log_.wait_for(PAVO_AVCTRL_EVENT_COMPONENTCHANGE, int_is(PAVO_AV_COMPONENT_TYPE_AUDIO), from), 0)
+      << log_.dump();
+  const std::chrono::duration<double, std::milli> switched = Clock::now() - asked;
+  std::printf("audio switch: %.0f ms to the component change\n", switched.count());
+  int active = -1;
+  ASSERT_EQ(Pavo_AVCtrl_GetCurrentActiveComponent(av_, PAVO_AV_COMPONENT_TYPE_AUDIO, &active), 0);
+  EXPECT_EQ(active, 1) << "the pipeline switched to the German track";
+
+  from = log_.posts().size();
+  ASSERT_EQ(Pavo_AVCtrl_Seek(av_, 12000.0), 0);
+  ASSERT_GE(log_.wait_for(PAVO_AVCTRL_EVENT_POSITIONCHANGE, double_near(12000.0, 100.0), from), 0) << log_.dump();
+  ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_PLAYING, from), 0) << log_.dump();
+  EXPECT_NEAR(pace(1000), 1.0, 0.25);
+
+  const double p0 = position_ms();
+  const Clock::time_point t0 = Clock::now();
+  ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_FINISHED, from), 0) << log_.dump();
+  const double took = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+  EXPECT_NEAR(took, kMediaMs - p0, 700.0);
+  double duration = 0;
+  ASSERT_EQ(Pavo_AVCtrl_GetPlayTime(av_, &duration), 0);
+  EXPECT_NEAR(duration, kMediaMs, 100.0);
+}
+
+// The other formats: a seek near the end (in the progressive files, a byte
+// range request), the position reached reported, and finished at the pace
+// of the clock; their audio components with three-letter languages.
+TEST_F(Broadband, HlsAndProgressiveFilesSeekAndFinish) {
+  const struct {
+    const char* path;
+    const char* audio;
+  } rows[] = {
+      {"hls/master.m3u8", "eng 2 audio/mpeg; ger 1 audio/mpeg; "},  // the German rendition from the playlist
+      {"progressive.mp4", "eng 2 audio/mpeg; ger 1 audio/mpeg; "},
+      {"progressive.mkv", "eng 2 audio/mpeg; ger 1 audio/mpeg; "},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.path);
+    std::size_t from = log_.posts().size();
+    ASSERT_EQ(Pavo_AVCtrl_Load(av_, url(row.path).c_str()), 0);
+    ASSERT_EQ(Pavo_AVCtrl_Play(av_, 1.0), 0);
+    ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_PLAYING, from), 0) << log_.dump();
+    EXPECT_EQ(components(PAVO_AV_COMPONENT_TYPE_AUDIO), row.audio);
+    from = log_.posts().size();
+    ASSERT_EQ(Pavo_AVCtrl_Seek(av_, 16000.0), 0);
+    ASSERT_GE(log_.wait_for(PAVO_AVCTRL_EVENT_POSITIONCHANGE, double_near(16000.0, 200.0), from), 0)
+        << log_.dump();
+    ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_PLAYING, from), 0) << log_.dump();
+    const double p0 = position_ms();
+    const Clock::time_point t0 = Clock::now();
+    ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_FINISHED, from), 0) << log_.dump();
+    const double took = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+  EXPECT_NEAR(took, kMediaMs - p0, 700.0);
+  }
+}
+
+// A link that stops for 6 s once the demuxer has started playback (two
+// init segments, the subtitle file, three segments of each track): the 6 s
+// in play out, then buffering, then playing again once segments arrive;
+// never a stall that the page is not told about.
+TEST_F(Broadband, StalledLinkBuffersThenPlaysAgain) {
+  play_until_playing(url("stall/9/6/dash/manifest.mpd").c_str());
+  const std::size_t from = log_.posts().size();
+  const int buffering = wait_state(PAVO_AVCTRL_PLAYSTATE_BUFFERING, from);
+  ASSERT_GE(buffering, 0) << log_.dump();
+  const double stalled_at = position_ms();
+  ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_PLAYING, static_cast<std::size_t>(buffering)), 0) << log_.dump();
+  EXPECT_GT(stalled_at, 3000.0) << "buffering came only when the buffer ran out";
+  EXPECT_NEAR(pace(1000), 1.0, 0.25);
+}
+
+// Live: HLS without an end tag, extended by the server as time passes.
+TEST_F(Broadband, LiveHlsHasNoDurationRefusesFastForwardAndDoesNotFinish) {
+  play_until_playing(url("live/hls/master.m3u8").c_str());
+  double duration = 0;
+  ASSERT_EQ(Pavo_AVCtrl_GetPlayTime(av_, &duration), 0);
+  EXPECT_FALSE(std::isfinite(duration) && duration > 0) << duration;
+  const std::size_t from = log_.posts().size();
+  ASSERT_EQ(Pavo_AVCtrl_Play(av_, 2.0), 0);  // the service refuses the speed: no speed change follows
+  EXPECT_NEAR(pace(6000), 1.0, 0.25) << log_.dump();
+  for (const Post& p : log_.posts()) EXPECT_FALSE(p.event == PAVO_AVCTRL_EVENT_SPEEDCHANGE && p.double_value > 1.0);
+  EXPECT_EQ(count_state(PAVO_AVCTRL_PLAYSTATE_FINISHED, from) + count_state(PAVO_AVCTRL_PLAYSTATE_ERROR, from), 0)
+      << log_.dump();
+}
+
+// Every network and media fault ends in exactly one error state with its
+// code, nothing finishes, and the object plays the next URL normally.
+TEST_F(Broadband, FaultsEndInOneErrorWithTheirCodeAndTheNextLoadPlays) {
+  MediaServerProcess dying;  // slow, and gone 2 s after its first request
+  ASSERT_TRUE(dying.start(PAVO_MEDIA_SERVER, PAVO_BROADBAND_MEDIA, wait_limit(),
+                          {"--rate", "200000", "--die-after", "2"}));
+  const struct {
+    std::string name, url;
+    PavoAVCtrlPlayStateError error;
+  } rows[] = {
+      {"manifest 404", url("404/dash/manifest.mpd"), PAVO_AVCTRL_ERROR_CONNECTION},
+      {"connection refused", refused_url("dash/manifest.mpd"), PAVO_AVCTRL_ERROR_CONNECTION},
+      {"server dies mid-stream", dying.base_url() + "progressive.mp4", PAVO_AVCTRL_ERROR_CONNECTION},
+      {"every segment 404", url("flaky/dash/manifest.mpd"), PAVO_AVCTRL_ERROR_CONNECTION},
+      {"manifest not XML", url("broken.mpd"), PAVO_AVCTRL_ERROR_FORMAT},
+      {"text served as video", url("notes.mp4"), PAVO_AVCTRL_ERROR_FORMAT},
+      {"codec without decoder", url("nodecoder.mp4"), PAVO_AVCTRL_ERROR_CORRUPT},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::size_t from = log_.posts().size();
+    ASSERT_EQ(Pavo_AVCtrl_Load(av_, row.url.c_str()), 0);
+    Pavo_AVCtrl_Play(av_, 1.0);  // may come after the error
+    ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_ERROR, from), 0) << log_.dump();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // nothing else comes
+    PavoAVCtrlPlayStateError error = PAVO_AVCTRL_ERROR_NONE;
+    ASSERT_EQ(Pavo_AVCtrl_GetError(av_, &error), 0);
+    EXPECT_EQ(error, row.error);
+    EXPECT_EQ(count_state(PAVO_AVCTRL_PLAYSTATE_ERROR, from), 1) << log_.dump();
+    EXPECT_EQ(count_state(PAVO_AVCTRL_PLAYSTATE_FINISHED, from), 0) << log_.dump();
+  }
+  const std::size_t from = log_.posts().size();
+  ASSERT_EQ(Pavo_AVCtrl_Load(av_, url("dash/manifest.mpd").c_str()), 0);
+  ASSERT_EQ(Pavo_AVCtrl_Play(av_, 1.0), 0);
+  ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_PLAYING, from), 0) << log_.dump();
+  EXPECT_NEAR(pace(1000), 1.0, 0.25);
+}
+
+}  // namespace
+}  // namespace pavo::e2e

@@ -1,0 +1,31 @@
+// How the GStreamer engine meets the network: the adaptive demuxers' buffer
+// set for start-up on slow links, which pipeline messages come from the
+// network, and a decoder that the pipeline lacks.
+#ifndef PAVO_MEDIA_SERVICE_GST_NETWORK_H
+#define PAVO_MEDIA_SERVICE_GST_NETWORK_H
+
+#include <gst/gst.h>
+
+namespace pavo::service {
+
+// Connects to playbin3's element-setup: every adaptive demuxer (DASH, HLS)
+// that the pipeline makes buffers kAdaptiveBufferTime ahead at most. Its
+// buffering messages count towards that time, so playback starts, or goes on
+// after a stall, once that much is in, not after its default of 30 s (which
+// on a slow link is a long silent wait). Call once per pipeline, before it
+// runs.
+void tune_adaptive_demuxers(GstElement* playbin);
+constexpr GstClockTime kAdaptiveBufferTime = 4 * GST_SECOND;
+
+// Whether `source` is an element that reads a network URI (http, https):
+// its stream errors are the connection's (a refused connection, a server
+// that went away), whatever the GError says.
+bool reads_network(GstObject* source);
+
+// Whether `message` says that the pipeline has no decoder for an audio or
+// video stream (playbin3's missing-plugin element message).
+bool lacks_decoder(GstMessage* message);
+
+}  // namespace pavo::service
+
+#endif  // PAVO_MEDIA_SERVICE_GST_NETWORK_H
