@@ -16,6 +16,7 @@
 #include "pavo-avctl/command_line.h"
 #include "pavo-avctl/script.h"
 #include "pavo-avctl/session.h"
+#include "plugin_side/service_probe.h"
 #include "plugin_side/timeline.h"
 
 namespace {
@@ -63,20 +64,6 @@ bool redirect_media_log(const std::string& path, std::string& error) {
   return true;
 }
 
-// Whether a media-player service answers a request now, asked through an
-// object of its own: the session's object may have lost its player with a
-// service that ended, and then fails every request without asking anyone.
-// Prompt when no service runs (the library notices an ended or silent
-// service without waiting out its reply bound). REQUIRES: the library is
-// started.
-bool service_answers() {
-  void* probe = nullptr;
-  if (Pavo_AVCtrl_Create(nullptr, &probe) != 0 || probe == nullptr) return false;
-  bool full_screen = false;
-  const int result = Pavo_AVCtrl_GetFullScreen(probe, &full_screen);
-  Pavo_AVCtrl_Destroy(probe);
-  return result == 0;
-}
 
 }  // namespace
 
@@ -135,7 +122,7 @@ int main(int argc, char** argv) {
     std::fprintf(g_errors, "pavo-avctl: %s%s: %s\n", where.c_str(), step.text().c_str(), error.c_str());
     if (stop_requested()) {
       status = kExitInterrupted;
-    } else if (service_answers()) {
+    } else if (pavo::plugin::service_answers()) {
       status = kExitStepFailed;
     } else {
       // The step failed because the service ended or stopped answering (the

@@ -11,25 +11,12 @@
 #include "pavo-hbbtv-browser/command_line.h"
 #include "pavo-hbbtv-browser/launcher.h"
 #include "pavo_avctrl.h"
+#include "plugin_side/service_probe.h"
 #include "plugin_side/timeline.h"
 
 namespace {
 
 void on_signal(int) { pavo::hbbtv::request_stop(); }
-
-// Whether a media-player service answers: creation does not tell, a request
-// does (the transport's -1 or -3 when nobody serves the queues).
-bool service_answers(int& result) {
-  void* probe = nullptr;
-  if (Pavo_AVCtrl_Create(nullptr, &probe) != 0 || probe == nullptr) {
-    result = -4;
-    return false;
-  }
-  bool full_screen = false;
-  result = Pavo_AVCtrl_GetFullScreen(probe, &full_screen);
-  Pavo_AVCtrl_Destroy(probe);
-  return result != -1 && result != -3;
-}
 
 }  // namespace
 
@@ -59,7 +46,7 @@ int main(int argc, char** argv) {
   timeline.line("start", "pavo-hbbtv-browser " + options.url);
   Pavo_AVCtrl_Initialize();
   int probe = 0;
-  if (!service_answers(probe)) {
+  if (!pavo::plugin::service_answers(&probe)) {
     timeline.line("FAIL", "no media-player service answers (request result " + std::to_string(probe) +
                               "): is pavo-media-service running in this IPC namespace?");
     Pavo_AVCtrl_Finalize();
