@@ -27,6 +27,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <future>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -57,10 +59,10 @@ std::string styled(const char* text) {
 // One reply serves every request: Create reads "player_id", GetCurrentTime
 // "current_time".
 const std::string kReply = styled(R"({"current_time":12.5,"player_id":7,"ret":0})");
-// State reports for player 0: an object made without a service keeps id 0.
+// State reports for the player of the prepared reply.
 const std::string kReports[2] = {
-    styled(R"({"event_type":0,"event":1,"sub_event":0,"player_id":0,"data1":4,"data2":0.0})"),
-    styled(R"({"event_type":0,"event":1,"sub_event":0,"player_id":0,"data1":5,"data2":0.0})")};
+    styled(R"({"event_type":0,"event":1,"sub_event":0,"player_id":7,"data1":4,"data2":0.0})"),
+    styled(R"({"event_type":0,"event":1,"sub_event":0,"player_id":7,"data1":5,"data2":0.0})")};
 
 
 // Messages through the transport's own framing, for the responder and the
@@ -205,13 +207,16 @@ void run_events(benchmark::State& state, void (*attach)()) {
 
 void BM_PlainEventDispatch(benchmark::State& state) {
   run_events(state,
-             [] { Pavo_MediaPlayer_IPC_RegisterCallback(0, plain_player_callback, nullptr); });
+             [] { Pavo_MediaPlayer_IPC_RegisterCallback(kPlayer, plain_player_callback, nullptr); });
 }
 
-// Without a service the object's player creation fails at once: the object
-// keeps player id 0, the id that the reports carry.
+// The object gets its player from the minimal service, which a thread of
+// the responder runs (it lives until the responder is ended).
 void BM_TranslatedStateReport(benchmark::State& state) {
   run_events(state, [] {
+    std::promise<void> serving;
+    std::thread([&serving] { serve_prepared_reply([&serving] { serving.set_value(); }); }).detach();
+    serving.get_future().wait();
     void* handle = nullptr;
     Pavo_AVCtrl_Create(nullptr, &handle);
     Pavo_AVCtrl_RegisterCallback(handle, plug_in_callback, nullptr);
