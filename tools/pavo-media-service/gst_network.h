@@ -16,6 +16,7 @@ namespace pavo::service {
 // runs.
 void tune_adaptive_demuxers(GstElement* playbin);
 constexpr GstClockTime kAdaptiveBufferTime = 4 * GST_SECOND;
+constexpr GstClockTime kAdaptiveStartTime = 2 * GST_SECOND;
 
 // Whether `source` is an element that reads a network URI (http, https):
 // its stream errors are the connection's (a refused connection, a server
