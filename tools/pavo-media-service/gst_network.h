@@ -18,6 +18,17 @@ void tune_adaptive_demuxers(GstElement* playbin);
 constexpr GstClockTime kAdaptiveBufferTime = 4 * GST_SECOND;
 constexpr GstClockTime kAdaptiveStartTime = 2 * GST_SECOND;
 
+// Makes playbin3 buffer progressive files read over the network (MP4,
+// Matroska over HTTP) in a ring buffer of kProgressiveBufferBytes at most,
+// in memory: without it, such a file plays at once and, on a link slower
+// than its bitrate, stalls without a word when the data runs out; with it,
+// the pipeline posts buffering messages (below 100 % until the download can
+// keep ahead of playback), which the player turns into the buffering state.
+// Adaptive streams and local files are not affected. Call once per
+// pipeline, before it runs.
+void buffer_progressive_downloads(GstElement* playbin);
+constexpr guint64 kProgressiveBufferBytes = 32 * 1024 * 1024;
+
 // Whether `source` is an element that reads a network URI (http, https):
 // its stream errors are the connection's (a refused connection, a server
 // that went away), whatever the GError says.
