@@ -16,13 +16,9 @@ bool is_adaptive_demuxer(GstElement* element) {
 // On the thread that made the element: only sets properties.
 void on_element_setup(GstElement*, GstElement* element, gpointer) {
   if (!is_adaptive_demuxer(element)) return;
-  const struct {
-    const char* property;
-    GstClockTime value;
-  } settings[] = {{"high-watermark-time", kAdaptiveBufferTime}, {"max-buffering-time", kAdaptiveStartTime}};
-  for (const auto& setting : settings) {
-    if (g_object_class_find_property(G_OBJECT_GET_CLASS(element), setting.property) != nullptr) {
-      g_object_set(element, setting.property, static_cast<guint64>(setting.value), nullptr);
+  for (const char* property : {"max-buffering-time", "high-watermark-time"}) {
+    if (g_object_class_find_property(G_OBJECT_GET_CLASS(element), property) != nullptr) {
+      g_object_set(element, property, static_cast<guint64>(kAdaptiveBufferTime), nullptr);
     }
   }
 }

@@ -15,8 +15,11 @@ namespace pavo::service {
 // on a slow link is a long silent wait). Call once per pipeline, before it
 // runs.
 void tune_adaptive_demuxers(GstElement* playbin);
-constexpr GstClockTime kAdaptiveBufferTime = 4 * GST_SECOND;
-constexpr GstClockTime kAdaptiveStartTime = 2 * GST_SECOND;
+// 2 s: one segment of the usual broadband streams; playback starts about as
+// soon as a bare playbin3's pre-roll (which does not wait for buffering).
+// At 1 s, below the 2 s segments of the test stream, its DASH audio switch
+// never completed.
+constexpr GstClockTime kAdaptiveBufferTime = 2 * GST_SECOND;
 
 // Makes playbin3 buffer progressive files read over the network (MP4,
 // Matroska over HTTP) in a ring buffer of kProgressiveBufferBytes at most,
