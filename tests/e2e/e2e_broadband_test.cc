@@ -146,16 +146,26 @@ TEST_F(Broadband, HlsAndProgressiveFilesSeekAndFinish) {
 // A link that stops for 6 s once the demuxer has started playback (two
 // init segments, the subtitle file, three segments of each track): the 6 s
 // in play out, then buffering, then playing again once segments arrive;
-// never a stall that the page is not told about.
+// never a stall that the page is not told about. Then a progressive MP4 on
+// a link at about 60 % of its bitrate: buffering until the download keeps
+// ahead, then playing at the media's pace (not a playing state over a
+// pipeline that has run dry).
 TEST_F(Broadband, StalledLinkBuffersThenPlaysAgain) {
   play_until_playing(url("stall/9/6/dash/manifest.mpd").c_str());
-  const std::size_t from = log_.posts().size();
+  std::size_t from = log_.posts().size();
   const int buffering = wait_state(PAVO_AVCTRL_PLAYSTATE_BUFFERING, from);
   ASSERT_GE(buffering, 0) << log_.dump();
   const double stalled_at = position_ms();
   ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_PLAYING, static_cast<std::size_t>(buffering)), 0) << log_.dump();
   EXPECT_GT(stalled_at, 3000.0) << "buffering came only when the buffer ran out";
   EXPECT_NEAR(pace(1000), 1.0, 0.25);
+
+  from = log_.posts().size();
+  ASSERT_EQ(Pavo_AVCtrl_Load(av_, url("slow/59000/progressive.mp4").c_str()), 0);
+  ASSERT_EQ(Pavo_AVCtrl_Play(av_, 1.0), 0);
+  ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_PLAYING, from), 0) << log_.dump();
+  EXPECT_GE(count_state(PAVO_AVCTRL_PLAYSTATE_BUFFERING, from), 1) << log_.dump();
+  EXPECT_NEAR(pace(2000), 1.0, 0.25) << log_.dump();
 }
 
 // Live: HLS without an end tag, extended by the server as time passes.

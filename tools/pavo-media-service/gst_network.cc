@@ -29,6 +29,13 @@ void tune_adaptive_demuxers(GstElement* playbin) {
   g_signal_connect(playbin, "element-setup", G_CALLBACK(on_element_setup), nullptr);
 }
 
+void buffer_progressive_downloads(GstElement* playbin) {
+  constexpr guint kDownloadFlag = 0x80;  // GST_PLAY_FLAG_DOWNLOAD: playbin's flags are no public header
+  guint flags = 0;
+  g_object_get(playbin, "flags", &flags, nullptr);
+  g_object_set(playbin, "flags", flags | kDownloadFlag, "ring-buffer-max-size", kProgressiveBufferBytes, nullptr);
+}
+
 bool reads_network(GstObject* source) {
   if (source == nullptr || !GST_IS_URI_HANDLER(source)) return false;
   if (gst_uri_handler_get_uri_type(GST_URI_HANDLER(source)) != GST_URI_SRC) return false;

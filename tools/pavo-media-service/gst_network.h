@@ -15,7 +15,22 @@ namespace pavo::service {
 // on a slow link is a long silent wait). Call once per pipeline, before it
 // runs.
 void tune_adaptive_demuxers(GstElement* playbin);
-constexpr GstClockTime kAdaptiveBufferTime = 4 * GST_SECOND;
+// 2 s: one segment of the usual broadband streams; playback starts about as
+// soon as a bare playbin3's pre-roll (which does not wait for buffering).
+// At 1 s, below the 2 s segments of the test stream, its DASH audio switch
+// never completed.
+constexpr GstClockTime kAdaptiveBufferTime = 2 * GST_SECOND;
+
+// Makes playbin3 buffer progressive files read over the network (MP4,
+// Matroska over HTTP) in a ring buffer of kProgressiveBufferBytes at most,
+// in memory: without it, such a file plays at once and, on a link slower
+// than its bitrate, stalls without a word when the data runs out; with it,
+// the pipeline posts buffering messages (below 100 % until the download can
+// keep ahead of playback), which the player turns into the buffering state.
+// Adaptive streams and local files are not affected. Call once per
+// pipeline, before it runs.
+void buffer_progressive_downloads(GstElement* playbin);
+constexpr guint64 kProgressiveBufferBytes = 32 * 1024 * 1024;
 
 // Whether `source` is an element that reads a network URI (http, https):
 // its stream errors are the connection's (a refused connection, a server

@@ -30,6 +30,7 @@ bool GstPlayer::make_pipeline() {
     }
   }
   tune_adaptive_demuxers(playbin);
+  buffer_progressive_downloads(playbin);
   manifest_ = std::make_shared<ManifestCopy>();
   copy_manifests(playbin, manifest_);
   pipeline_ = GST_ELEMENT(gst_object_ref_sink(playbin));
@@ -184,9 +185,20 @@ int GstPlayer::load(const std::string& url, Clock::time_point now, Outbox* out) 
   if (state_ == kConnecting) state_ = kLoaded;  // a reload reports connecting again
   set_state(kConnecting, out);
   // A failure shows as an error message on the bus.
-  change_state(GST_STATE_PAUSED);
+  preroll();
   poll_soon(now);
   return 0;
+}
+
+void GstPlayer::preroll() {
+  heading_playing_ = play_wanted_ && speed_ != 0.0 && !rate_pending_ && !seek_pending_ && !buffering_;
+  change_state(heading_playing_ ? GST_STATE_PLAYING : GST_STATE_PAUSED);
+}
+
+void GstPlayer::hold_preroll() {
+  if (!heading_playing_) return;
+  heading_playing_ = false;
+  if (phase_ == Phase::kConnecting || phase_ == Phase::kPrerolling) change_state(GST_STATE_PAUSED);
 }
 
 void GstPlayer::start_playing(Outbox* out) {
@@ -219,6 +231,7 @@ int GstPlayer::play(Clock::time_point now, Outbox* out) {
     case kBuffering:
     case kSeeking:
       play_wanted_ = true;
+      if ((phase_ == Phase::kConnecting || phase_ == Phase::kPrerolling) && !heading_playing_) preroll();
       return 0;
     case kPlaying:
       return 0;
@@ -262,7 +275,7 @@ int GstPlayer::play(Clock::time_point now, Outbox* out) {
       rate_pending_ = speed_ != 1.0 && speed_ != 0.0;
       pipeline_rate_ = 1.0;
       set_state(kBuffering, out);
-      change_state(GST_STATE_PAUSED);
+      preroll();
       return 0;
     default:  // idle, error
       return -1;
@@ -283,6 +296,7 @@ int GstPlayer::pause(Clock::time_point now, Outbox* out) {
     case kBuffering:
     case kSeeking:
       play_wanted_ = false;
+      hold_preroll();
       return 0;
     case kPlaying:
       play_wanted_ = false;
@@ -303,7 +317,7 @@ int GstPlayer::stop(Clock::time_point, Outbox* out) {
     change_state(GST_STATE_READY, true);
   }
   phase_ = Phase::kNone;
-  seek_pending_ = buffering_ = at_edge_ = false;
+  seek_pending_ = buffering_ = at_edge_ = heading_playing_ = false;
   held_position_ = 0.0;
   next_poll_ = Clock::time_point::max();
   set_state(kStopped, out);
@@ -319,6 +333,7 @@ int GstPlayer::seek(double seconds, Clock::time_point now, Outbox* out) {
   if (phase_ == Phase::kConnecting || phase_ == Phase::kPrerolling || phase_ == Phase::kSeeking ||
       phase_ == Phase::kRateChange) {
     // Made once the phase under way is through.
+    hold_preroll();
     seek_target_ = seconds;
     seek_pending_ = true;
     if (phase_ == Phase::kRateChange) {
@@ -348,12 +363,14 @@ int GstPlayer::set_rate(double thousandths, Clock::time_point now, Outbox* out) 
   const int reported = static_cast<int>(std::lround(thousandths));
   if (speed == 0.0) {
     speed_ = 0.0;
+    hold_preroll();
     emit(kSpeedChangeEvent, 0, reported, 0.0, out);
     if (state_ == kPlaying || phase_ == Phase::kStarting) pause(now, out);
     return 0;
   }
   if (!prerolled() || phase_ == Phase::kSeeking || phase_ == Phase::kRateChange) {
     // Applied with the seek that ends the phase under way.
+    if (speed != 1.0) hold_preroll();
     speed_ = speed;
     rate_pending_ = speed != pipeline_rate_;
     emit(kSpeedChangeEvent, 0, reported, 0.0, out);

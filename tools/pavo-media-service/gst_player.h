@@ -5,8 +5,12 @@
 //              pipeline, which goes to PAUSED: state connecting; the stream
 //              collection (the demuxer has read the headers) turns it into
 //              buffering; async-done (pre-rolled) ends the load: paused, or
-//              PLAYING asked for and playing reported when the pipeline has
-//              reached it. A load plays unless a pause came first.
+//              playing reported when the pipeline has reached PLAYING. A load
+//              plays unless a pause came first; while nothing stands before
+//              playback (a pause, a speed other than 1, a seek, network
+//              buffering), the pipeline is asked for PLAYING at once, as a
+//              bare playbin3 is, and a pause, seek or speed that comes during
+//              the pre-roll takes it back to PAUSED.
 //   buffering  messages below 100 % pause a playing pipeline (state
 //              buffering) until 100 %.
 //   seek       a flushing, accurate seek (state seeking); its async-done
@@ -30,7 +34,8 @@
 //              event once the pipeline reports the streams selected.
 //
 // The bus is polled from advance() every kPollInterval while the pipeline
-// runs: every call of the engine, bus handling included, runs under the
+// runs (kStartPollInterval while playback starts, where every millisecond
+// of latency delays the first picture): every call of the engine, bus handling included, runs under the
 // service's lock, so no GStreamer thread ever waits for that lock (a bus
 // handler on a streaming thread could, while a flushing seek under the
 // lock waits for that thread).
@@ -111,6 +116,7 @@ class GstPlayer final : public PlayerEngine {
 
  private:
   static constexpr auto kPollInterval = std::chrono::milliseconds(10);
+  static constexpr auto kStartPollInterval = std::chrono::milliseconds(2);
   // How long the engine waits for the pipeline thread's answer before it goes
   // on without it (state changes and seeks: taken as under way; queries: the
   // last value known).
@@ -141,7 +147,15 @@ class GstPlayer final : public PlayerEngine {
     out->push_back(player_event(id_, event, sub_event, data1, data2));
   }
   void set_state(int state, Outbox* out);
-  void poll_soon(Clock::time_point now) { next_poll_ = now + kPollInterval; }
+  void poll_soon(Clock::time_point now) {
+    const bool starting =
+        phase_ == Phase::kConnecting || phase_ == Phase::kPrerolling || phase_ == Phase::kStarting;
+    next_poll_ = now + (starting ? kStartPollInterval : kPollInterval);
+  }
+  // Pre-rolls towards PLAYING when playback may start at once, else PAUSED.
+  void preroll();
+  // Takes a pre-roll that heads for PLAYING back to PAUSED.
+  void hold_preroll();
   bool flush_seek(double rate, double seconds);
   double query_position() const;
   bool seek_under_way() const { return phase_ == Phase::kSeeking || seek_pending_; }
@@ -189,6 +203,7 @@ class GstPlayer final : public PlayerEngine {
   bool first_preroll_ = false;     // the preroll of a load or of a play after stop
   bool announce_speed_ = false;    // the next start of playback reports the speed first
   bool play_wanted_ = true;        // where a load or seek ends: playing or paused
+  bool heading_playing_ = false;   // the pre-roll under way was asked for PLAYING
   bool seek_pending_ = false;      // a seek waits for the phase under way
   bool seek_reported_ = false;     // the seek under way ends with seek-completed
   double seek_target_ = 0.0;

@@ -62,7 +62,7 @@ void GstPlayer::give_up_seek(Outbox* out) {
     seek_pending_ = true;  // to seek_target_
   }
   pipeline_rate_ = 1.0;
-  buffering_ = false;
+  buffering_ = heading_playing_ = false;
   first_preroll_ = true;  // the selection goes again to the new pipeline
   phase_ = Phase::kPrerolling;
   change_state(GST_STATE_PAUSED);
@@ -140,7 +140,7 @@ void GstPlayer::fail(int code, Outbox* out) {
   held_position_ = query_position();
   change_state(GST_STATE_NULL, true);
   phase_ = Phase::kNone;
-  seek_pending_ = buffering_ = false;
+  seek_pending_ = buffering_ = heading_playing_ = false;
   emit(kErrorEvent, code, 0, 0.0, out);
   set_state(kError, out);
 }
@@ -174,6 +174,7 @@ void GstPlayer::on_buffering(int percent, Outbox* out) {
       set_state(kBuffering, out);
     } else if (phase_ == Phase::kPrerolling) {
       buffering_ = true;
+      hold_preroll();  // playback starts at 100 %
     }
     return;
   }
@@ -267,6 +268,7 @@ void GstPlayer::on_async_done(Outbox* out) {
   switch (phase_) {
     case Phase::kConnecting:
     case Phase::kPrerolling: {
+      heading_playing_ = false;  // the pipeline goes on to PLAYING by itself
       duration_ = worker_->call<double>(
           [](GstElement* pipeline) {
             gint64 length = 0;
