@@ -91,6 +91,12 @@ bool process_identity(pid_t task, ProcessIdentity* out) {
   } else if (!id_exists(task)) {
     return false;
   }
+  // This process lives while it asks, and its own start time is not taken
+  // from /proc: an emulator (qemu-user) makes up /proc/self/stat per thread.
+  if (who.pid == getpid()) {
+    *out = who;
+    return true;
+  }
   ProcStat stat;
   if (read_proc_stat(who.pid, &stat)) {
     if (zombie(stat.state)) return false;
@@ -104,7 +110,7 @@ bool process_identity(pid_t task, ProcessIdentity* out) {
 }
 
 bool process_ended(const ProcessIdentity& who) {
-  if (!who.known()) return false;
+  if (!who.known() || who.pid == getpid()) return false;
   if (!id_exists(who.pid)) return true;
   ProcStat stat;
   if (!read_proc_stat(who.pid, &stat)) return false;  // exists, but /proc does not tell more
