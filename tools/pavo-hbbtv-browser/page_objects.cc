@@ -133,17 +133,10 @@ PageObjects::~PageObjects() {
 
 void PageObjects::queue_av_event(uint64_t serial, const plugin::AvEvent& event) {
   try {
-    std::lock_guard<std::mutex> lock(queue_mutex_);
-    if (queue_->size() >= kMaxQueuedEvents) return;  // a page that floods: the oldest stay
     Queued q;
     q.serial = serial;
     q.av = event;
-    queue_->push_back(std::move(q));
-    if (!wake_pending_ && wake_write_ >= 0) {
-      wake_pending_ = true;
-      const char byte = 1;
-      (void)!::write(wake_write_, &byte, 1);
-    }
+    enqueue(std::move(q));
   } catch (...) {
     // Out of memory: the event is lost, the library's thread goes on.
   }
@@ -151,19 +144,25 @@ void PageObjects::queue_av_event(uint64_t serial, const plugin::AvEvent& event) 
 
 void PageObjects::queue_drm_event(uint64_t serial, plugin::DrmEvent event) {
   try {
-    std::lock_guard<std::mutex> lock(queue_mutex_);
-    if (queue_->size() >= kMaxQueuedEvents) return;
     Queued q;
     q.drm = true;
     q.serial = serial;
     q.drm_event = std::move(event);
-    queue_->push_back(std::move(q));
-    if (!wake_pending_ && wake_write_ >= 0) {
-      wake_pending_ = true;
-      const char byte = 1;
-      (void)!::write(wake_write_, &byte, 1);
-    }
+    enqueue(std::move(q));
   } catch (...) {
+  }
+}
+
+// Queues `q` for the message loop and wakes it (one byte per batch). A page
+// that floods keeps its oldest events. Throws std::bad_alloc only.
+void PageObjects::enqueue(Queued q) {
+  std::lock_guard<std::mutex> lock(queue_mutex_);
+  if (queue_->size() >= kMaxQueuedEvents) return;
+  queue_->push_back(std::move(q));
+  if (!wake_pending_ && wake_write_ >= 0) {
+    wake_pending_ = true;
+    const char byte = 1;
+    (void)!::write(wake_write_, &byte, 1);
   }
 }
 

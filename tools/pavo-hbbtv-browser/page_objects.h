@@ -82,6 +82,7 @@ class PageObjects {
   struct AvObject;
   struct DrmObject;
   struct Queued;
+  void enqueue(Queued q);
 
   void av_call(int context, int id, int generation, const std::string& method, const Json::Value& args);
   void drm_call(int context, int id, const std::string& method, const Json::Value& args);
