@@ -21,24 +21,41 @@ cd "$(dirname "$0")/.."
 build=build/demo
 time_scale=5  # the media clock runs five times faster: the session takes seconds
 
+# Waits up to 10 s for process PID to write a line matching the extended
+# regular expression RE into FILE; fails (1) when it ends or the time runs out.
+# Usage: wait_for_line PID FILE RE
+wait_for_line() {
+  local pid=$1 file=$2 re=$3 waited=0
+  until grep -qE "$re" "$file"; do
+    if ! kill -0 "$pid" 2>/dev/null || ((waited >= 100)); then return 1; fi
+    sleep 0.1
+    waited=$((waited + 1))
+  done
+}
+
+# Starts pavo-media-service with SERVICE_OPTION... (and --verbose), its output in
+# SERVICE_LOG, and waits until it is ready; sets `service` to its process id.
+# Usage: start_service SERVICE_LOG SERVICE_OPTION...
+start_service() {
+  local log=$1
+  shift
+  "$build/tools/pavo-media-service" "$@" --verbose >"$log" 2>&1 &
+  service=$!
+  if ! wait_for_line "$service" "$log" '^pavo-media-service: ready$'; then
+    echo "demo: pavo-media-service did not start:" >&2
+    cat "$log" >&2
+    kill -TERM "$service" 2>/dev/null || true
+    return 1
+  fi
+}
+
 # Runs one session against a service started with the given options.
 # Usage: run_session SESSION SERVICE_LOG SERVICE_OPTION...
 run_session() {
   local session=$1 service_log=$2
   shift 2
-  "$build/tools/pavo-media-service" "$@" --verbose >"$service_log" 2>&1 &
-  local service=$!
-  local waited=0
-  until grep -qx 'pavo-media-service: ready' "$service_log"; do
-    if ! kill -0 "$service" 2>/dev/null || ((waited >= 100)); then
-      echo "demo: pavo-media-service did not start:" >&2
-      cat "$service_log" >&2
-      kill -TERM "$service" 2>/dev/null || true
-      exit 1
-    fi
-    sleep 0.1
-    waited=$((waited + 1))
-  done
+  local service
+  start_service "$service_log" "$@" || exit 1
   echo "demo: pavo-media-service ready ($*, process $service)"
   local status=0
   "$build/tools/pavo-avctl" --progress 500 --media-log "$build/media-log.txt" \
@@ -66,18 +83,8 @@ run_browser_step() {
   fi
   local service_log="$build/media-service-browser.log" frames="$build/frames"
   mkdir -p "$frames"
-  PAVO_FRAME_PREVIEW_DIR="$frames" "$build/tools/pavo-media-service" "$@" --verbose >"$service_log" 2>&1 &
-  local service=$!
-  local waited=0
-  until grep -qx 'pavo-media-service: ready' "$service_log"; do
-    if ! kill -0 "$service" 2>/dev/null || ((waited >= 100)); then
-      echo "demo: pavo-media-service did not start:" >&2
-      cat "$service_log" >&2
-      return 1
-    fi
-    sleep 0.1
-    waited=$((waited + 1))
-  done
+  local service
+  PAVO_FRAME_PREVIEW_DIR="$frames" start_service "$service_log" "$@" || return 1
   echo "demo: the browser step: an HbbTV page in headless Chromium, keys ENTER (play), DOWN DOWN ENTER" \
     "(seek +10 s), DOWN ENTER (audio language), UP UP ENTER (pause)"
   local status=0
@@ -103,15 +110,11 @@ run_sessions() {
   fi
   # The media server on a port of the system's choice; the session gets its address.
   python3 scripts/media_server.py "$build/media/broadband" --port 0 >"$build/media-server.out" &
-  local server=$! waited=0
-  until grep -q '^media_server: ' "$build/media-server.out"; do
-    if ! kill -0 "$server" 2>/dev/null || ((waited >= 100)); then
-      echo "demo: the media server did not start" >&2
-      exit 1
-    fi
-    sleep 0.1
-    waited=$((waited + 1))
-  done
+  local server=$!
+  if ! wait_for_line "$server" "$build/media-server.out" '^media_server: '; then
+    echo "demo: the media server did not start" >&2
+    exit 1
+  fi
   local base
   base=$(sed -n 's/^media_server: //p' "$build/media-server.out")
   sed "s|@MEDIA@|$base|" tools/pavo-avctl/real-media.session >"$build/real-media.session"
