@@ -25,10 +25,11 @@ host_pkgs=(cmake make g++ pkg-config libjsoncpp-dev libgtest-dev libgmock-dev li
 # in Matroska: encoders and decoders of plugins-base and plugins-good). Broadband streams:
 # HTTP and the DASH/HLS demuxers are in plugins-good, H.264 parsing in plugins-bad, H.264
 # and AAC decoding in libav, further formats in plugins-ugly; ffmpeg makes the DASH, HLS
-# and MP4 test streams.
+# and MP4 test streams. The HTTP source uses libsoup 3, or 2.4 when that one is in the
+# process first: both are installed so that the tests see both libraries' network errors.
 host_pkgs+=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base
             gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly
-            gstreamer1.0-libav gstreamer1.0-tools ffmpeg)
+            gstreamer1.0-libav gstreamer1.0-tools ffmpeg libsoup-3.0-0 libsoup2.4-1)
 # pavo-hbbtv-browser and its tests: Chromium's headless shell (about 300 MB installed), and
 # Python for the tests' page server and the test media server (standard library only).
 host_pkgs+=(chromium-headless-shell python3)

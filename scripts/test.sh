@@ -47,6 +47,14 @@ run_ctest() {
   cases=$(grep -ao '\[  PASSED  \] [0-9]* test' "build/$leg/Testing/Temporary/LastTest.log" 2>/dev/null |
     awk '{s += $4} END {print s + 0}')
   summary+=("$leg: ${programs:-no result} (test programs); $cases test cases passed")
+  # The failed ones by name, and their failed checks, where the summary shows them.
+  local failed_tests
+  failed_tests=$(sed -n '/The following tests FAILED:/,$p' "$out" | grep -E '^[[:space:]]+[0-9]+ - ' || true)
+  if [ -n "$failed_tests" ]; then
+    summary+=("$leg: failed:" "$failed_tests")
+    summary+=("$(grep -a -E ': Failure$|\[  FAILED  \]|Sanitizer|runtime error|^FAIL:|Error: |^Expected|Which is|Value of' \
+      "build/$leg/Testing/Temporary/LastTest.log" 2>/dev/null | head -n 40)")
+  fi
   return $rc
 }
 
@@ -81,7 +89,14 @@ for leg in "${legs[@]}"; do
       ;;
     fuzz)
       if [ -x scripts/fuzz.sh ]; then
-        scripts/fuzz.sh 60 && summary+=("fuzz: no findings") || { failed=1; summary+=("fuzz: FINDINGS"); }
+        # The fuzzers' progress lines go to a log; on a finding, its end is shown.
+        if scripts/fuzz.sh 60 >build/fuzz.log 2>&1; then
+          summary+=("fuzz: no findings")
+        else
+          tail -n 60 build/fuzz.log
+          failed=1
+          summary+=("fuzz: FINDINGS (build/fuzz.log)")
+        fi
       else
         summary+=("fuzz: no fuzz targets yet")
       fi

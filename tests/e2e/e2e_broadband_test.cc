@@ -10,8 +10,12 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "av_control_adaptor/components.h"
 #include "e2e_fixture.h"
@@ -25,6 +29,12 @@ using Clock = std::chrono::steady_clock;
 
 constexpr double kMediaMs = 20000.0;  // length of the generated streams
 
+// One fault: a URL and the error code that the page must see.
+struct Fault {
+  std::string name, url;
+  PavoAVCtrlPlayStateError error;
+};
+
 class Broadband : public EndToEnd {
  protected:
   Broadband() {
@@ -35,7 +45,11 @@ class Broadband : public EndToEnd {
     EndToEnd::SetUp();
     ASSERT_TRUE(server_.start(PAVO_MEDIA_SERVER, PAVO_BROADBAND_MEDIA, wait_limit()));
   }
+
+ public:
   std::string url(const std::string& path) const { return server_.base_url() + path; }
+
+ protected:
 
   // Language, channels and encoding of each component of `type`.
   static std::string components(PavoAVComponentType type) {
@@ -67,6 +81,8 @@ class Broadband : public EndToEnd {
     }
     return n;
   }
+
+  void expect_one_error_each(const std::vector<Fault>& faults);
 
   MediaServerProcess server_;
 };
@@ -182,25 +198,10 @@ TEST_F(Broadband, LiveHlsHasNoDurationRefusesFastForwardAndDoesNotFinish) {
       << log_.dump();
 }
 
-// Every network and media fault ends in exactly one error state with its
-// code, nothing finishes, and the object plays the next URL normally.
-TEST_F(Broadband, FaultsEndInOneErrorWithTheirCodeAndTheNextLoadPlays) {
-  MediaServerProcess dying;  // slow, and gone 2 s after its first request
-  ASSERT_TRUE(dying.start(PAVO_MEDIA_SERVER, PAVO_BROADBAND_MEDIA, wait_limit(),
-                          {"--rate", "200000", "--die-after", "2"}));
-  const struct {
-    std::string name, url;
-    PavoAVCtrlPlayStateError error;
-  } rows[] = {
-      {"manifest 404", url("404/dash/manifest.mpd"), PAVO_AVCTRL_ERROR_CONNECTION},
-      {"connection refused", refused_url("dash/manifest.mpd"), PAVO_AVCTRL_ERROR_CONNECTION},
-      {"server dies mid-stream", dying.base_url() + "progressive.mp4", PAVO_AVCTRL_ERROR_CONNECTION},
-      {"every segment 404", url("flaky/dash/manifest.mpd"), PAVO_AVCTRL_ERROR_CONNECTION},
-      {"manifest not XML", url("broken.mpd"), PAVO_AVCTRL_ERROR_FORMAT},
-      {"text served as video", url("notes.mp4"), PAVO_AVCTRL_ERROR_FORMAT},
-      {"codec without decoder", url("nodecoder.mp4"), PAVO_AVCTRL_ERROR_CORRUPT},
-  };
-  for (const auto& row : rows) {
+// Each fault ends in exactly one error state with its code and nothing
+// finishes; afterwards the object plays the DASH stream normally.
+void Broadband::expect_one_error_each(const std::vector<Fault>& faults) {
+  for (const Fault& row : faults) {
     SCOPED_TRACE(row.name);
     const std::size_t from = log_.posts().size();
     ASSERT_EQ(Pavo_AVCtrl_Load(av_, row.url.c_str()), 0);
@@ -218,6 +219,71 @@ TEST_F(Broadband, FaultsEndInOneErrorWithTheirCodeAndTheNextLoadPlays) {
   ASSERT_EQ(Pavo_AVCtrl_Play(av_, 1.0), 0);
   ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_PLAYING, from), 0) << log_.dump();
   EXPECT_NEAR(pace(1000), 1.0, 0.25);
+}
+
+// The network faults, each ending in the connection error: a 404, a refused
+// connection, a server that dies mid-stream (slow, and gone 2 s after its
+// first request), segments that all fail.
+std::vector<Fault> network_faults(const Broadband& test, const MediaServerProcess& dying) {
+  return {
+      {"manifest 404", test.url("404/dash/manifest.mpd"), PAVO_AVCTRL_ERROR_CONNECTION},
+      {"connection refused", refused_url("dash/manifest.mpd"), PAVO_AVCTRL_ERROR_CONNECTION},
+      {"server dies mid-stream", dying.base_url() + "progressive.mp4", PAVO_AVCTRL_ERROR_CONNECTION},
+      {"every segment 404", test.url("flaky/dash/manifest.mpd"), PAVO_AVCTRL_ERROR_CONNECTION},
+  };
+}
+
+bool start_dying_server(MediaServerProcess* dying) {
+  return dying->start(PAVO_MEDIA_SERVER, PAVO_BROADBAND_MEDIA, wait_limit(),
+                      {"--rate", "200000", "--die-after", "2"});
+}
+
+TEST_F(Broadband, FaultsEndInOneErrorWithTheirCodeAndTheNextLoadPlays) {
+  MediaServerProcess dying;
+  ASSERT_TRUE(start_dying_server(&dying));
+  std::vector<Fault> faults = network_faults(*this, dying);
+  faults.insert(faults.end(), {
+                                  {"manifest not XML", url("broken.mpd"), PAVO_AVCTRL_ERROR_FORMAT},
+                                  {"text served as video", url("notes.mp4"), PAVO_AVCTRL_ERROR_FORMAT},
+                                  {"codec without decoder", url("nodecoder.mp4"), PAVO_AVCTRL_ERROR_CORRUPT},
+                              });
+  expect_one_error_each(faults);
+}
+
+// The HTTP source loads libsoup 3, or libsoup 2.4 when that library is in
+// the process already; 2.4 reports network failures in another form (HTTP
+// status codes of its own instead of error domains). Here the service has
+// libsoup 2.4 preloaded.
+class BroadbandOnLibsoup2 : public Broadband {
+ protected:
+  void SetUp() override {
+    const std::string preload = "libsoup-2.4.so.1";
+    // The sanitizer runtime wants to be the first library; another one
+    // preloaded is fine for this test.
+    const char* asan = std::getenv("ASAN_OPTIONS");
+    const std::string asan_before = asan != nullptr ? asan : "";
+    setenv("ASAN_OPTIONS", (asan_before + (asan_before.empty() ? "" : ":") + "verify_asan_link_order=0").c_str(), 1);
+    setenv("LD_PRELOAD", preload.c_str(), 1);
+    Broadband::SetUp();
+    unsetenv("LD_PRELOAD");
+    setenv("ASAN_OPTIONS", asan_before.c_str(), 1);
+  }
+
+  // Whether the service process has `library` mapped.
+  bool service_maps(const std::string& library) {
+    std::ifstream maps("/proc/" + std::to_string(service_.pid()) + "/maps");
+    EXPECT_TRUE(maps.is_open());
+    const std::string text((std::istreambuf_iterator<char>(maps)), std::istreambuf_iterator<char>());
+    return text.find(library) != std::string::npos;
+  }
+};
+
+TEST_F(BroadbandOnLibsoup2, NetworkFaultsEndInTheConnectionError) {
+  MediaServerProcess dying;
+  ASSERT_TRUE(start_dying_server(&dying));
+  ASSERT_TRUE(service_maps("libsoup-2.4.so")) << "libsoup 2.4 is not installed (scripts/setup.sh installs it)";
+  expect_one_error_each(network_faults(*this, dying));
+  EXPECT_FALSE(service_maps("libsoup-3.0.so")) << "the HTTP source took libsoup 3 after all";
 }
 
 }  // namespace

@@ -40,6 +40,8 @@ class ServiceProcess {
   // Everything the service printed on standard output up to now (read
   // while starting and stopping).
   const std::string& output() const { return output_; }
+  // The running service's process id; -1 when none runs.
+  pid_t pid() const { return pid_; }
 
   // Faults for the reliability tests. kill_now() ends the service with
   // SIGKILL and reaps it (its queues stay, as after a crash); suspend() and
