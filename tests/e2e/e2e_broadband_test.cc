@@ -100,6 +100,21 @@ TEST_F(Broadband, DashComponentsAudioSwitchSeekAndFinish) {
   EXPECT_EQ(components(PAVO_AV_COMPONENT_TYPE_AUDIO), "eng 2 audio/mpeg; ger 1 audio/mpeg; ");
   EXPECT_EQ(components(PAVO_AV_COMPONENT_TYPE_SUBTITLE), "fre 0 text/x-raw; ");
 
+  // Subtitles on and off as the page switches them, right after the start
+  // (where the pipeline's own first choice is still being corrected): each
+  // a component change, the component's activation following.
+  for (bool on : {true, false}) {
+    SCOPED_TRACE(on);
+    const std::size_t mark = log_.posts().size();
+    ASSERT_EQ(Pavo_Platform_SubtitleEnable(on), 0);
+    ASSERT_EQ(Pavo_AVCtrl_Component_EnableSubtitle(av_, on), 0);
+    ASSERT_GE(log_.wait_for(PAVO_AVCTRL_EVENT_COMPONENTCHANGE, int_is(PAVO_AV_COMPONENT_TYPE_SUBTITLE), mark), 0)
+        << log_.dump();
+    PavoAVCtrlTrackInfo track{};
+    ASSERT_EQ(Pavo_AVCtrl_GetAVComponentByIndex(av_, PAVO_AV_COMPONENT_TYPE_SUBTITLE, 0, &track), 0);
+    EXPECT_EQ(track.activated, on);
+  }
+
   std::size_t from = log_.posts().size();
   const Clock::time_point asked = Clock::now();
   ASSERT_EQ(Pavo_AVCtrl_SelectComponent(av_, PAVO_AV_COMPONENT_TYPE_AUDIO, 1), 0);

@@ -29,6 +29,7 @@ bool GstPlayer::make_pipeline() {
       g_object_set(playbin, property, sink, nullptr);
     }
   }
+  show_text(playbin, subtitles_enabled_);
   tune_adaptive_demuxers(playbin);
   buffer_progressive_downloads(playbin);
   manifest_ = std::make_shared<ManifestCopy>();
@@ -434,9 +435,17 @@ int GstPlayer::change_selection(int kind, int index, Outbox* out) {
     }
     return 0;
   }
+  send_selection();
+  if (active_[kind] == index) {
+    // Already what the pipeline reports (its own choice, whose correction
+    // may still be on the way): in effect now, and the selection just sent
+    // keeps it so.
+    emit(kTrackChangeEvent, 0, kind, 0.0, out);
+    announce_[kind] = false;
+    return 0;
+  }
   // The track change follows when the pipeline reports the selection.
   announce_[kind] = true;
-  send_selection();
   return 0;
 }
 
@@ -465,7 +474,7 @@ bool GstPlayer::selection_differs() const {
 
 int GstPlayer::select_track(int kind, int index, Outbox* out) {
   if (!valid_track_kind(kind) || track(kind, index) == nullptr) return -1;
-  if (kind == kSubtitleTrack) subtitles_enabled_ = true;
+  if (kind == kSubtitleTrack) show_subtitles(true, out);
   if (wanted_[kind] == index) return 0;
   return change_selection(kind, index, out);
 }
@@ -473,14 +482,27 @@ int GstPlayer::select_track(int kind, int index, Outbox* out) {
 int GstPlayer::unselect_track(int kind, int index, Outbox* out) {
   if (!valid_track_kind(kind) || track(kind, index) == nullptr) return -1;
   if (wanted_[kind] != index) return 0;
+  if (kind == kSubtitleTrack) {
+    show_subtitles(false, out);  // the text track stays in the pipeline, hidden
+    return 0;
+  }
   return change_selection(kind, -1, out);
 }
 
 int GstPlayer::enable_subtitles(bool enable, Outbox* out) {
-  subtitles_enabled_ = enable;
-  const int wanted =
-      enable && track_count(kSubtitleTrack) > 0 ? std::max(wanted_[kSubtitleTrack], 0) : -1;
-  return wanted == wanted_[kSubtitleTrack] ? 0 : change_selection(kSubtitleTrack, wanted, out);
+  show_subtitles(enable, out);
+  return 0;
+}
+
+void GstPlayer::show_subtitles(bool shown, Outbox* out) {
+  const int before = active_index(kSubtitleTrack);
+  subtitles_enabled_ = shown;
+  if (worker_) worker_->post([shown](GstElement* pipeline) { show_text(pipeline, shown); });
+  if (active_index(kSubtitleTrack) != before) {
+    emit(kTrackChangeEvent, 0, kSubtitleTrack, 0.0, out);
+  } else if (shown && wanted_[kSubtitleTrack] >= 0 && active_[kSubtitleTrack] != wanted_[kSubtitleTrack]) {
+    announce_[kSubtitleTrack] = true;  // shown once the pipeline carries the track
+  }
 }
 
 }  // namespace pavo::service

@@ -100,10 +100,14 @@ class GstPlayer final : public PlayerEngine {
 
   int track_count(int kind) const override;
   const Track* track(int kind, int index) const override;
+  // Subtitles count as active only while shown.
   bool track_active(int kind, int index) const override {
-    return valid_track_kind(kind) && index >= 0 && active_[kind] == index;
+    return valid_track_kind(kind) && index >= 0 && active_index(kind) == index;
   }
-  int active_index(int kind) const override { return valid_track_kind(kind) ? active_[kind] : -1; }
+  int active_index(int kind) const override {
+    if (!valid_track_kind(kind)) return -1;
+    return kind == kSubtitleTrack && !subtitles_enabled_ ? -1 : active_[kind];
+  }
   int select_track(int kind, int index, Outbox* out) override;
   int unselect_track(int kind, int index, Outbox* out) override;
   int enable_subtitles(bool enable, Outbox* out) override;
@@ -174,6 +178,9 @@ class GstPlayer final : public PlayerEngine {
   void on_streams_selected(GstMessage* message, Outbox* out);
   void read_tracks();
   int change_selection(int kind, int index, Outbox* out);
+  // Subtitles shown or hidden: the page's wish, applied to the pipeline's
+  // rendering, with a track change when what the page sees changes.
+  void show_subtitles(bool shown, Outbox* out);
   void send_selection();
   bool selection_differs() const;
 
@@ -196,6 +203,12 @@ class GstPlayer final : public PlayerEngine {
   std::vector<std::string> stream_ids_;  // beside tracks_
   int wanted_[3] = {0, 0, -1};           // selection asked of the pipeline
   int active_[3] = {0, 0, -1};           // selection the pipeline reported
+  // Subtitles shown. Hidden ones stay selected in the pipeline (wanted_ and
+  // active_ keep the text track) and are only not rendered: taking a text
+  // track of an adaptive stream out of the selection and back in later
+  // leaves the demuxer unable to complete that or any later selection
+  // (GStreamer 1.22), so an audio switch after subtitles off and on would
+  // never happen.
   bool subtitles_enabled_ = false;
   bool announce_[3] = {false, false, false};  // the page asked: report what the pipeline selects
 

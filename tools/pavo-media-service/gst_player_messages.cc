@@ -202,13 +202,15 @@ void GstPlayer::on_collection(GstStreamCollection* collection, Outbox* out) {
   for (int kind = kVideoTrack; kind <= kSubtitleTrack; ++kind) {
     emit(kComponentUpdatedEvent, 0, kind, 0.0, out);
   }
-  // Subtitles only when asked for; the pipeline picks one of each kind,
-  // and is told otherwise once pre-rolled (a selection sent while it sets
-  // its streams up can hang it).
+  // One track of each kind, the first unless the page chose before: the
+  // pipeline picks one of each kind, and is told otherwise once pre-rolled
+  // (a selection sent while it sets its streams up can hang it). The text
+  // track is carried whether subtitles are shown or not.
   for (int k = kVideoTrack; k <= kSubtitleTrack; ++k) {
-    if (wanted_[k] >= track_count(k)) wanted_[k] = track_count(k) > 0 ? 0 : -1;
+    if (wanted_[k] >= track_count(k) || (k == kSubtitleTrack && wanted_[k] < 0)) {
+      wanted_[k] = track_count(k) > 0 ? 0 : -1;
+    }
   }
-  if (!subtitles_enabled_) wanted_[kSubtitleTrack] = -1;
 }
 
 void GstPlayer::on_streams_selected(GstMessage* message, Outbox* out) {
@@ -228,11 +230,14 @@ void GstPlayer::on_streams_selected(GstMessage* message, Outbox* out) {
     if (stream != nullptr) gst_object_unref(stream);
   }
   // The pipeline's own choice, and the engine's first correction of it,
-  // are taken silently; what the page asked for is reported.
+  // are taken silently; what the page asked for is reported: a change, or
+  // the page's choice in effect (a report that changes nothing, when the
+  // page asked for what the pipeline had chosen itself).
   for (int kind = kVideoTrack; kind <= kSubtitleTrack; ++kind) {
-    if (selected[kind] != active_[kind]) {
-      active_[kind] = selected[kind];
-      if (announce_[kind]) emit(kTrackChangeEvent, 0, kind, 0.0, out);
+    const bool changed = selected[kind] != active_[kind];
+    active_[kind] = selected[kind];
+    if (announce_[kind] && (changed || active_[kind] == wanted_[kind])) {
+      emit(kTrackChangeEvent, 0, kind, 0.0, out);
     }
     if (active_[kind] == wanted_[kind]) announce_[kind] = false;
   }

@@ -67,4 +67,12 @@ Track describe_stream(GstStream* stream, int kind, int number) {
   return t;
 }
 
+void show_text(GstElement* playbin, bool shown) {
+  constexpr guint kTextFlag = 0x4;  // GST_PLAY_FLAG_TEXT: playbin's flags are no public header
+  guint flags = 0;
+  g_object_get(playbin, "flags", &flags, nullptr);
+  const guint wanted = shown ? (flags | kTextFlag) : (flags & ~kTextFlag);
+  if (wanted != flags) g_object_set(playbin, "flags", wanted, nullptr);
+}
+
 }  // namespace pavo::service

@@ -40,6 +40,11 @@ int media_error(const GError* error);
 // The protocol's track kind of a stream type (kOtherTrack for none of ours).
 int kind_of(GstStreamType type);
 
+// Shows or hides the subtitles that playbin3 renders (its text flag), at
+// once, without a change of the streams it carries. Safe while the pipeline
+// runs; call it on the pipeline's thread (it takes playbin3's locks).
+void show_text(GstElement* playbin, bool shown);
+
 // One track record from a stream of the collection: caps name as encoding,
 // the language tag as GStreamer's two-letter code where it knows the
 // language (as given otherwise), channels, size and title.
