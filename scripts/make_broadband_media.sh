@@ -10,7 +10,8 @@
 #   hls/master.m3u8     HLS, MPEG-TS, 2 s segments: the same video, the audio
 #                       languages as renditions of one group, WebVTT "fra"
 #   progressive.mp4     the same in one MP4 (moov first), subtitles as mov_text
-#   progressive.mkv     the same in Matroska, subtitles as WebVTT
+#   progressive.mkv     the same in Matroska, subtitles as SubRip (GStreamer
+#                       does not read WebVTT in Matroska as ffmpeg writes it)
 #   nodecoder.mp4       video whose sample entry names a codec nobody decodes
 #   broken.mpd          a manifest that is not XML
 #   notes.mp4           a text file with a video file's name
@@ -50,7 +51,7 @@ ff -f lavfi -i "testsrc2=size=320x180:rate=25:duration=$seconds" \
   -c:a aac -b:a 64k -ac:a:0 2 -ac:a:1 1 -c:s mov_text \
   -metadata:s:a:0 language=eng -metadata:s:a:1 language=deu -metadata:s:s:0 language=fra \
   -movflags +faststart "$work/progressive.mp4"
-ff -i "$work/progressive.mp4" -map 0 -c:v copy -c:a copy -c:s webvtt "$work/progressive.mkv"
+ff -i "$work/progressive.mp4" -map 0 -c:v copy -c:a copy -c:s srt "$work/progressive.mkv"
 
 mkdir -p "$work/dash" "$work/hls"
 ff -i "$work/progressive.mp4" -map 0:v -map 0:a:0 -map 0:a:1 -c copy -f dash -seg_duration 2 -use_timeline 0 \

@@ -144,7 +144,8 @@ TEST_F(Broadband, DashComponentsAudioSwitchSeekAndFinish) {
 
 // The other formats: a seek near the end (in the progressive files, a byte
 // range request), the position reached reported, and finished at the pace
-// of the clock; their audio components with three-letter languages.
+// of the clock; their audio and subtitle components with three-letter
+// languages.
 TEST_F(Broadband, HlsAndProgressiveFilesSeekAndFinish) {
   const struct {
     const char* path;
@@ -161,6 +162,7 @@ TEST_F(Broadband, HlsAndProgressiveFilesSeekAndFinish) {
     ASSERT_EQ(Pavo_AVCtrl_Play(av_, 1.0), 0);
     ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_PLAYING, from), 0) << log_.dump();
     EXPECT_EQ(components(PAVO_AV_COMPONENT_TYPE_AUDIO), row.audio);
+    EXPECT_EQ(components(PAVO_AV_COMPONENT_TYPE_SUBTITLE), "fre 0 text/x-raw; ");
     from = log_.posts().size();
     ASSERT_EQ(Pavo_AVCtrl_Seek(av_, 16000.0), 0);
     ASSERT_GE(log_.wait_for(PAVO_AVCTRL_EVENT_POSITIONCHANGE, double_near(16000.0, 200.0), from), 0)
