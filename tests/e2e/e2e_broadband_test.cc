@@ -17,7 +17,6 @@
 #include <thread>
 #include <vector>
 
-#include "av_control_adaptor/components.h"
 #include "e2e_fixture.h"
 #include "media_server_process.h"
 #include "support/test_queues.h"
@@ -50,20 +49,6 @@ class Broadband : public EndToEnd {
   std::string url(const std::string& path) const { return server_.base_url() + path; }
 
  protected:
-
-  // Language, channels and encoding of each component of `type`.
-  static std::string components(PavoAVComponentType type) {
-    PavoRecordList list;
-    EXPECT_NE(Init(&list), nullptr);
-    EXPECT_EQ(pavo::avctrl::GetComponents(type, &list), 0);
-    std::string text;
-    for (const PavoAVComponentRecord* r = list.records; r != list.records + list.count; ++r) {
-      text += std::string(r->language) + " " + std::to_string(r->audioChannels) + " " + r->encoding + "; ";
-    }
-    list.destructor(&list);
-    return text;
-  }
-
   // Media ms per wall-clock ms over `ms` of playback.
   double pace(int ms) {
     const Clock::time_point t0 = Clock::now();

@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "av_control_adaptor/components.h"
+#include "pavo_record_list.h"
 #include "support/emulation.h"
 #include "support/test_queues.h"
 
@@ -97,6 +99,18 @@ double EndToEnd::position_ms() {
   double ms = -1;
   EXPECT_EQ(Pavo_AVCtrl_GetPosition(av_, &ms), 0);
   return ms;
+}
+
+std::string EndToEnd::components(PavoAVComponentType type) {
+  PavoRecordList list;
+  EXPECT_NE(Init(&list), nullptr);
+  EXPECT_EQ(pavo::avctrl::GetComponents(type, &list), 0);
+  std::string text;
+  for (const PavoAVComponentRecord* r = list.records; r != list.records + list.count; ++r) {
+    text += std::string(r->language) + " " + std::to_string(r->audioChannels) + " " + r->encoding + "; ";
+  }
+  list.destructor(&list);
+  return text;
 }
 
 }  // namespace pavo::e2e

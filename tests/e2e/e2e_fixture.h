@@ -79,6 +79,9 @@ class EndToEnd : public ::testing::Test {
   }
   // The object's position in milliseconds (a failed call fails the test).
   double position_ms();
+  // Language, channels and encoding of each component of `type` in the
+  // library's component list: "eng 2 audio/mpeg; ger 1 audio/mpeg; ".
+  static std::string components(PavoAVComponentType type);
 
   ServiceProcess service_;
   double time_scale_ = kTimeScale;         // what SetUp starts the service with

@@ -14,7 +14,6 @@
 #include <string>
 #include <thread>
 
-#include "av_control_adaptor/components.h"
 #include "e2e_fixture.h"
 #include "support/test_queues.h"
 
@@ -86,17 +85,6 @@ TEST_F(GStreamerEndToEnd, ControlsMoveThePositionAtTheirPace) {
 // three-letter languages, and an audio switch in the pipeline.
 TEST_F(GStreamerEndToEnd, PlaysToFinishedAndSwitchesAudioOnTheWay) {
   play_until_playing(PAVO_E2E_MEDIA);
-  const auto components = [](PavoAVComponentType type) {  // language, channels and encoding of each
-    PavoRecordList list;
-    EXPECT_NE(Init(&list), nullptr);
-    EXPECT_EQ(pavo::avctrl::GetComponents(type, &list), 0);
-    std::string text;
-    for (const PavoAVComponentRecord* r = list.records; r != list.records + list.count; ++r) {
-      text += std::string(r->language) + " " + std::to_string(r->audioChannels) + " " + r->encoding + "; ";
-    }
-    list.destructor(&list);
-    return text;
-  };
   // The container says "eng" and "deu".
   EXPECT_EQ(components(PAVO_AV_COMPONENT_TYPE_AUDIO), "eng 2 audio/x-vorbis; ger 1 audio/x-vorbis; ");
   EXPECT_EQ(components(PAVO_AV_COMPONENT_TYPE_SUBTITLE), "fre 0 text/x-raw; ");
