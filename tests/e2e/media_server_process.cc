@@ -1,16 +1,13 @@
 #include "media_server_process.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
+#include "child_output.h"
 
 namespace pavo::e2e {
 
@@ -19,41 +16,15 @@ bool MediaServerProcess::start(const std::string& script, const std::string& roo
   stop();
   std::vector<std::string> words = {"python3", script, root, "--port", "0"};
   words.insert(words.end(), extra.begin(), extra.end());
-  std::vector<char*> argv;
-  for (std::string& w : words) argv.push_back(w.data());
-  argv.push_back(nullptr);
-  int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) return false;
-  std::fflush(nullptr);
-  pid_ = fork();
-  if (pid_ == 0) {
-    dup2(fds[1], STDOUT_FILENO);
-    execvp(argv[0], argv.data());
-    _exit(127);
-  }
-  close(fds[1]);
-  if (pid_ < 0) {
-    close(fds[0]);
-    return false;
-  }
+  int out_fd = -1;
+  pid_ = spawn_with_output(words, &out_fd);
+  if (pid_ < 0) return false;
   // The one line it prints: "media_server: http://127.0.0.1:PORT/".
-  std::string out;
-  const auto deadline = std::chrono::steady_clock::now() + limit;
   const std::string prefix = "media_server: ";
-  while (out.find('\n') == std::string::npos) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    pollfd p{fds[0], POLLIN, 0};
-    const int n = left.count() > 0 ? poll(&p, 1, static_cast<int>(left.count())) : 0;
-    if (n < 0 && errno == EINTR) continue;
-    char buffer[256];
-    const ssize_t got = n > 0 ? read(fds[0], buffer, sizeof buffer) : 0;
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    out.append(buffer, static_cast<std::size_t>(got));
-  }
-  close(fds[0]);
-  if (out.compare(0, prefix.size(), prefix) != 0 || out.find('\n') == std::string::npos) {
+  std::string out;
+  const bool said = read_until(out_fd, &out, "\n", std::chrono::steady_clock::now() + limit);
+  close(out_fd);
+  if (!said || out.compare(0, prefix.size(), prefix) != 0) {
     stop();
     return false;
   }

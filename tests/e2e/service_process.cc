@@ -1,8 +1,5 @@
 #include "service_process.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,8 +7,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <sstream>
+
+#include "child_output.h"
 
 namespace pavo::e2e {
 
@@ -35,53 +33,15 @@ bool ServiceProcess::start(double time_scale, std::chrono::milliseconds limit,
   std::snprintf(scale, sizeof scale, "%g", time_scale);
   words.insert(words.end(), {"--time-scale", scale});
   words.insert(words.end(), extra.begin(), extra.end());
-  std::vector<char*> argv;
-  for (std::string& w : words) argv.push_back(w.data());
-  argv.push_back(nullptr);
-
-  int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) return false;
-  std::fflush(nullptr);
-  pid_ = fork();
-  if (pid_ == 0) {
-    dup2(fds[1], STDOUT_FILENO);
-    if (cpu >= 0) {
-      cpu_set_t set;
-      CPU_ZERO(&set);
-      CPU_SET(cpu, &set);
-      sched_setaffinity(0, sizeof set, &set);
-    }
-    execvp(argv[0], argv.data());
-    _exit(127);
-  }
-  close(fds[1]);
-  out_fd_ = fds[0];
-  if (pid_ < 0) {
-    close(out_fd_);
-    out_fd_ = -1;
-    return false;
-  }
+  pid_ = spawn_with_output(words, &out_fd_, cpu);
+  if (pid_ < 0) return false;
   if (read_until("pavo-media-service: ready\n", std::chrono::steady_clock::now() + limit)) return true;
   stop(std::chrono::milliseconds(0));
   return false;
 }
 
 bool ServiceProcess::read_until(const std::string& line, std::chrono::steady_clock::time_point deadline) {
-  while (output_.find(line) == std::string::npos) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return false;
-    pollfd p{out_fd_, POLLIN, 0};
-    const int n = poll(&p, 1, static_cast<int>(left.count()));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    char buffer[4096];
-    const ssize_t got = read(out_fd_, buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;  // the service closed its output: it ended
-    output_.append(buffer, static_cast<std::size_t>(got));
-  }
-  return true;
+  return pavo::e2e::read_until(out_fd_, &output_, line, deadline);
 }
 
 int ServiceProcess::stop(std::chrono::milliseconds limit) {
