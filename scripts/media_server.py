@@ -23,7 +23,10 @@ Paths select behaviour per request, so that one server serves every case:
   /live/P         an HLS media playlist P as a live window: no end tag, three
                   segments, one more every target duration since the first
                   live request (wrapping over the pre-made segments with a
-                  discontinuity); the master playlist and segments as they are
+                  discontinuity); the master playlist and segments as they are.
+                  A DASH manifest P becomes a dynamic one over the same clock
+                  (live_dash.py): 6 s of time shift, its segments wrapping
+                  with their timestamps moved on
   P               the file ROOT/P, with byte ranges (Range: bytes=A-B, A-, -N)
 
 Standard library only; nothing but 127.0.0.1 is ever bound.
@@ -36,6 +39,8 @@ import sys
 import threading
 import time
 import urllib.parse
+
+import live_dash
 
 TYPES = {
     ".mpd": "application/dash+xml",
@@ -91,10 +96,15 @@ class Server(http.server.ThreadingHTTPServer):
             time.sleep(left)
 
     def live_elapsed(self):
+        """Seconds since the first live request."""
         with self.lock:
             if self.live_start is None:
                 self.live_start = time.monotonic()
             return time.monotonic() - self.live_start
+
+    def live_wall_start(self):
+        """The first live request's wall-clock time (seconds since the epoch)."""
+        return time.time() - self.live_elapsed()
 
 
 def live_playlist(text, elapsed):
@@ -165,12 +175,21 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if any(p in ("..", ".") for p in parts):
             return self.fail(403)
         file = os.path.join(self.server.root, *parts)
+        ctype = TYPES.get(os.path.splitext(file)[1], "application/octet-stream")
+        if live and file.endswith(".m4s") and not os.path.isfile(file):  # past the pre-made ones
+            data = live_dash.segment_beside_manifest(file)
+            if data is None:
+                return self.fail(404)
+            return self.send(200, ctype, len(data), lambda: [data], body, rate, {})
         if not os.path.isfile(file):
             return self.fail(404)
-        ctype = TYPES.get(os.path.splitext(file)[1], "application/octet-stream")
-        if live and file.endswith(".m3u8"):
+        if live and file.endswith((".m3u8", ".mpd")):
             with open(file, encoding="utf-8") as f:
-                text = live_playlist(f.read(), self.server.live_elapsed())
+                text = f.read()
+            if file.endswith(".m3u8"):
+                text = live_playlist(text, self.server.live_elapsed())
+            else:
+                text = live_dash.manifest(text, self.server.live_wall_start(), LIVE_WINDOW * 2.0)
             data = text.encode()
             return self.send(200, ctype, len(data), lambda: [data], body, rate, {"Cache-Control": "no-cache"})
         size = os.path.getsize(file)

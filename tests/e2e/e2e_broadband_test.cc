@@ -186,18 +186,25 @@ TEST_F(Broadband, StalledLinkBuffersThenPlaysAgain) {
   EXPECT_NEAR(pace(2000), 1.0, 0.25) << log_.dump();
 }
 
-// Live: HLS without an end tag, extended by the server as time passes.
-TEST_F(Broadband, LiveHlsHasNoDurationRefusesFastForwardAndDoesNotFinish) {
-  play_until_playing(url("live/hls/master.m3u8").c_str());
-  double duration = 0;
-  ASSERT_EQ(Pavo_AVCtrl_GetPlayTime(av_, &duration), 0);
-  EXPECT_FALSE(std::isfinite(duration) && duration > 0) << duration;
-  const std::size_t from = log_.posts().size();
-  ASSERT_EQ(Pavo_AVCtrl_Play(av_, 2.0), 0);  // the service refuses the speed: no speed change follows
-  EXPECT_NEAR(pace(6000), 1.0, 0.25) << log_.dump();
-  for (const Post& p : log_.posts()) EXPECT_FALSE(p.event == PAVO_AVCTRL_EVENT_SPEEDCHANGE && p.double_value > 1.0);
-  EXPECT_EQ(count_state(PAVO_AVCTRL_PLAYSTATE_FINISHED, from) + count_state(PAVO_AVCTRL_PLAYSTATE_ERROR, from), 0)
-      << log_.dump();
+// Live: HLS without an end tag and a dynamic DASH manifest, both extended
+// by the server as time passes.
+TEST_F(Broadband, LiveStreamsHaveNoDurationRefuseFastForwardAndDoNotFinish) {
+  for (const char* path : {"live/hls/master.m3u8", "live/dash/manifest.mpd"}) {
+    SCOPED_TRACE(path);
+    std::size_t from = log_.posts().size();
+    ASSERT_EQ(Pavo_AVCtrl_Load(av_, url(path).c_str()), 0);
+    ASSERT_EQ(Pavo_AVCtrl_Play(av_, 1.0), 0);
+    ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_PLAYING, from), 0) << log_.dump();
+    double duration = 0;
+    ASSERT_EQ(Pavo_AVCtrl_GetPlayTime(av_, &duration), 0);
+    EXPECT_FALSE(std::isfinite(duration) && duration > 0) << duration;
+    from = log_.posts().size();
+    ASSERT_EQ(Pavo_AVCtrl_Play(av_, 2.0), 0);  // the service refuses the speed: no speed change follows
+    EXPECT_NEAR(pace(5000), 1.0, 0.25) << log_.dump();
+    for (const Post& p : log_.posts()) EXPECT_FALSE(p.event == PAVO_AVCTRL_EVENT_SPEEDCHANGE && p.double_value > 1.0);
+    EXPECT_EQ(count_state(PAVO_AVCTRL_PLAYSTATE_FINISHED, from) + count_state(PAVO_AVCTRL_PLAYSTATE_ERROR, from), 0)
+        << log_.dump();
+  }
 }
 
 // Each fault ends in exactly one error state with its code and nothing
