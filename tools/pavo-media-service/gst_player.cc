@@ -30,6 +30,7 @@ bool GstPlayer::make_pipeline() {
     }
   }
   tune_adaptive_demuxers(playbin);
+  shorten_audio_queue(playbin);
   buffer_progressive_downloads(playbin);
   manifest_ = std::make_shared<ManifestCopy>();
   copy_manifests(playbin, manifest_);
