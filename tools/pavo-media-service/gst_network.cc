@@ -6,13 +6,6 @@
 namespace pavo::service {
 namespace {
 
-bool is_adaptive_demuxer(GstElement* element) {
-  GstElementFactory* factory = gst_element_get_factory(element);
-  if (factory == nullptr) return false;
-  const char* klass = gst_element_factory_get_metadata(factory, GST_ELEMENT_METADATA_KLASS);
-  return klass != nullptr && std::strstr(klass, "Demuxer/Adaptive") != nullptr;
-}
-
 bool has_property(GstElement* element, const char* property) {
   return g_object_class_find_property(G_OBJECT_GET_CLASS(element), property) != nullptr;
 }
@@ -39,7 +32,7 @@ GstElement* decoder_queue(GstElement* playbin) {
 // On the thread that made the element: only sets properties. `queue` is
 // the decoders' queue (or null), owned by the signal's connection.
 void on_adaptive_setup(GstElement*, GstElement* element, gpointer queue) {
-  if (!is_adaptive_demuxer(element)) return;
+  if (!is_adaptive_demuxer(GST_OBJECT(element))) return;
   for (const char* property : {"max-buffering-time", "high-watermark-time"}) {
     if (has_property(element, property)) {
       g_object_set(element, property, static_cast<guint64>(kAdaptiveBufferTime), nullptr);
@@ -59,6 +52,14 @@ void on_audio_queue_setup(GstElement*, GstElement* element, gpointer) {
 }
 
 }  // namespace
+
+bool is_adaptive_demuxer(GstObject* element) {
+  if (element == nullptr || !GST_IS_ELEMENT(element)) return false;
+  GstElementFactory* factory = gst_element_get_factory(GST_ELEMENT(element));
+  if (factory == nullptr) return false;
+  const char* klass = gst_element_factory_get_metadata(factory, GST_ELEMENT_METADATA_KLASS);
+  return klass != nullptr && std::strstr(klass, "Demuxer/Adaptive") != nullptr;
+}
 
 void tune_adaptive_demuxers(GstElement* playbin) {
   g_signal_connect_data(playbin, "element-setup", G_CALLBACK(on_adaptive_setup), decoder_queue(playbin),

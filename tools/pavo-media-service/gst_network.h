@@ -31,6 +31,17 @@ void tune_adaptive_demuxers(GstElement* playbin);
 // never completed.
 constexpr GstClockTime kAdaptiveBufferTime = 2 * GST_SECOND;
 
+// The share of kAdaptiveBufferTime (percent, as the demuxer's buffering
+// messages count) that an adaptive stream plays on: it starts once
+// pre-rolled with at least this much buffered (a bare playbin3 starts at
+// pre-roll, whatever is buffered), and while playing it pauses for the
+// network only below it; once paused or pre-rolled with less, it waits
+// for the whole buffer (100 %).
+constexpr int kAdaptivePlayPercent = 50;
+
+// Whether `element` is an adaptive demuxer (DASH, HLS).
+bool is_adaptive_demuxer(GstObject* element);
+
 constexpr GstClockTime kAdaptiveQueueTime = 250 * GST_MSECOND;
 
 // Connects to playbin3's element-setup: the queue of decoded audio in front

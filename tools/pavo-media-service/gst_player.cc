@@ -176,6 +176,7 @@ int GstPlayer::load(const std::string& url, Clock::time_point now, Outbox* out) 
   loops_left_ = settings_.loop_count;
   play_wanted_ = true;
   seek_pending_ = seek_reported_ = buffering_ = at_edge_ = false;
+  adaptive_percent_ = -1;
   rate_pending_ = speed_ != 1.0;
   pipeline_rate_ = 1.0;
   duration_ = held_position_ = last_position_ = 0.0;
@@ -273,6 +274,7 @@ int GstPlayer::play(Clock::time_point now, Outbox* out) {
       phase_ = Phase::kPrerolling;
       first_preroll_ = true;
       announce_speed_ = true;
+      adaptive_percent_ = -1;
       rate_pending_ = speed_ != 1.0 && speed_ != 0.0;
       pipeline_rate_ = 1.0;
       set_state(kBuffering, out);

@@ -12,7 +12,10 @@
 //              bare playbin3 is, and a pause, seek or speed that comes during
 //              the pre-roll takes it back to PAUSED.
 //   buffering  messages below 100 % pause a playing pipeline (state
-//              buffering) until 100 %.
+//              buffering) until 100 %; an adaptive demuxer's, below
+//              kAdaptivePlayPercent only, and a load of an adaptive stream
+//              plays at the end of its pre-roll when that much is in
+//              (gst_network.h).
 //   seek       a flushing, accurate seek (state seeking); its async-done
 //              gives the seek-completed event with the position reached.
 //              Seeks that come while one is under way wait for it.
@@ -169,7 +172,9 @@ class GstPlayer final : public PlayerEngine {
   // The error event with `code`, then the error state; the pipeline is shut.
   void fail(int code, Outbox* out);
   void on_eos(Outbox* out);
-  void on_buffering(int percent, Outbox* out);
+  // `adaptive`: the message comes from an adaptive demuxer, whose buffer
+  // is played on down to kAdaptivePlayPercent.
+  void on_buffering(int percent, bool adaptive, Outbox* out);
   void on_collection(GstStreamCollection* collection, Outbox* out);
   void on_streams_selected(GstMessage* message, Outbox* out);
   void read_tracks();
@@ -209,6 +214,7 @@ class GstPlayer final : public PlayerEngine {
   double seek_target_ = 0.0;
   bool rate_pending_ = false;      // speed_ waits for the next seek
   bool buffering_ = false;         // paused for network buffering
+  int adaptive_percent_ = -1;      // the adaptive demuxer's last buffering level; -1 none yet
   bool at_edge_ = false;           // finished at an end of the stream
   double speed_ = 1.0;             // factor; 0 paused by rate
   double pipeline_rate_ = 1.0;     // rate of the pipeline's segment

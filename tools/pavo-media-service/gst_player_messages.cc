@@ -93,7 +93,7 @@ void GstPlayer::handle(GstMessage* message, Outbox* out) {
     case GST_MESSAGE_BUFFERING: {
       gint percent = 100;
       gst_message_parse_buffering(message, &percent);
-      on_buffering(percent, out);
+      on_buffering(percent, is_adaptive_demuxer(GST_MESSAGE_SRC(message)), out);
       break;
     }
     case GST_MESSAGE_STREAM_COLLECTION: {
@@ -158,13 +158,17 @@ void GstPlayer::on_eos(Outbox* out) {
   set_state(kFinished, out);
 }
 
-void GstPlayer::on_buffering(int percent, Outbox* out) {
+void GstPlayer::on_buffering(int percent, bool adaptive, Outbox* out) {
+  if (adaptive) adaptive_percent_ = percent;
   if (percent < 100) {
     if (buffering_) return;
     if (phase_ == Phase::kConnecting) {
       phase_ = Phase::kPrerolling;
       set_state(kBuffering, out);
     }
+    // An adaptive stream plays on while its demuxer holds enough; during
+    // the pre-roll of a load its end decides (on_async_done).
+    if (adaptive && (percent >= kAdaptivePlayPercent || (first_preroll_ && phase_ == Phase::kPrerolling))) return;
     if (state_ == kPlaying || phase_ == Phase::kStarting) {
       // Network buffering: wait with a paused pipeline.
       buffering_ = true;
@@ -268,6 +272,11 @@ void GstPlayer::on_async_done(Outbox* out) {
   switch (phase_) {
     case Phase::kConnecting:
     case Phase::kPrerolling: {
+      if (!buffering_ && adaptive_percent_ >= 0 && adaptive_percent_ < kAdaptivePlayPercent) {
+        // Pre-rolled with too little buffered: playback waits for the buffer.
+        buffering_ = true;
+        if (heading_playing_) change_state(GST_STATE_PAUSED);
+      }
       heading_playing_ = false;  // the pipeline goes on to PLAYING by itself
       duration_ = worker_->call<double>(
           [](GstElement* pipeline) {
