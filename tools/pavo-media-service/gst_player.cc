@@ -173,6 +173,8 @@ int GstPlayer::load(const std::string& url, Clock::time_point now, Outbox* out) 
   wanted_[kAudioTrack] = active_[kAudioTrack] = 0;
   wanted_[kSubtitleTrack] = active_[kSubtitleTrack] = -1;
   std::fill(std::begin(announce_), std::end(announce_), false);
+  selection_waits_ = false;
+  selection_settles_ = Clock::time_point();
   loops_left_ = settings_.loop_count;
   play_wanted_ = true;
   seek_pending_ = seek_reported_ = buffering_ = at_edge_ = false;
@@ -439,14 +441,24 @@ int GstPlayer::change_selection(int kind, int index, Outbox* out) {
   }
   // The track change follows when the pipeline reports the selection.
   announce_[kind] = true;
-  send_selection();
+  send_selection_settled();
   return 0;
+}
+
+void GstPlayer::send_selection_settled() {
+  if (Clock::now() >= selection_settles_) {
+    send_selection();
+    return;
+  }
+  selection_waits_ = true;
+  next_poll_ = std::min(next_poll_, selection_settles_);
 }
 
 // The event's result is not the selection's: an adaptive demuxer takes the
 // event from its first pad and answers false on the others, and playbin3
 // passes that on. streams-selected tells what the pipeline did.
 void GstPlayer::send_selection() {
+  selection_waits_ = false;
   std::vector<std::string> wanted;
   for (int k = kVideoTrack; k <= kSubtitleTrack; ++k) {
     int seen = 0;

@@ -34,7 +34,9 @@
 //              an audio rendition not fetched yet gets its encoding and
 //              channels from the manifest (gst_manifest.h);
 //              selection through select-streams, with the track-change
-//              event once the pipeline reports the streams selected.
+//              event once the pipeline reports the streams selected; a
+//              change asked for within kSelectionSettle of the last one
+//              the pipeline reported waits until then.
 //
 // The bus is polled from advance() every kPollInterval while the pipeline
 // runs (kStartPollInterval while playback starts, where every millisecond
@@ -129,6 +131,13 @@ class GstPlayer final : public PlayerEngine {
   static constexpr double kCarryLimit = 5.0;  // seconds
   // A seek or rate change without its async-done after this is given up.
   static constexpr auto kSeekLimit = std::chrono::seconds(5);
+  // How long after a switch that the pipeline reported a new selection
+  // waits: the adaptive demuxer reports a switch when it hands the new
+  // track on, and the switch reaches the decoders about kAdaptiveQueueTime
+  // later; a second switch made by the demuxer while decodebin3 turns its
+  // output to the first can hang both for good (GStreamer 1.22, seen when
+  // a page toggles the audio track at once).
+  static constexpr auto kSelectionSettle = std::chrono::milliseconds(350);
 
   // What the pipeline is doing on the way to a reported state.
   enum class Phase {
@@ -180,6 +189,8 @@ class GstPlayer final : public PlayerEngine {
   void read_tracks();
   int change_selection(int kind, int index, Outbox* out);
   void send_selection();
+  // send_selection() now, or once kSelectionSettle has passed (advance()).
+  void send_selection_settled();
   bool selection_differs() const;
 
   unsigned id_;
@@ -203,6 +214,8 @@ class GstPlayer final : public PlayerEngine {
   int active_[3] = {0, 0, -1};           // selection the pipeline reported
   bool subtitles_enabled_ = false;
   bool announce_[3] = {false, false, false};  // the page asked: report what the pipeline selects
+  Clock::time_point selection_settles_;  // a new selection waits until then
+  bool selection_waits_ = false;         // a selection waits for selection_settles_
 
   Phase phase_ = Phase::kNone;
   bool first_preroll_ = false;     // the preroll of a load or of a play after stop

@@ -17,6 +17,7 @@ void GstPlayer::advance(Clock::time_point now, Outbox* out) {
     handle(message.get(), out);
   }
   watch_phase(now, out);
+  if (selection_waits_ && now >= selection_settles_) send_selection();
   if (state_ != kIdle && state_ != kStopped && state_ != kError) poll_soon(now);
 }
 
@@ -236,7 +237,10 @@ void GstPlayer::on_streams_selected(GstMessage* message, Outbox* out) {
   for (int kind = kVideoTrack; kind <= kSubtitleTrack; ++kind) {
     if (selected[kind] != active_[kind]) {
       active_[kind] = selected[kind];
-      if (announce_[kind]) emit(kTrackChangeEvent, 0, kind, 0.0, out);
+      if (announce_[kind]) {
+        emit(kTrackChangeEvent, 0, kind, 0.0, out);
+        selection_settles_ = Clock::now() + kSelectionSettle;
+      }
     }
     if (active_[kind] == wanted_[kind]) announce_[kind] = false;
   }
