@@ -6,13 +6,23 @@
 //   BM_BarePlaybin3Start the same stream in a playbin3 of this process with
 //                        the same sinks, until the pipeline is PLAYING
 //   BM_AudioSwitch       Pavo_AVCtrl_SelectComponent to the component-change
-//                        post
+//                        post, the audio track toggled while playing, each
+//                        switch kSwitchGap after the start or the previous
+//                        one (as a viewer switches; the service holds a
+//                        switch asked for sooner back a moment, see
+//                        gst_player.h)
 // and, outside the smoke run, the service's CPU time while it plays the
 // stream to its end beside gst-launch-1.0 playing it with playbin3 (both
 // whole processes, start-up included).
 //
 // The media come from the broadband_test_media test's directory, made here
 // with scripts/make_broadband_media.sh when missing.
+//
+// Both start benchmarks begin each repetition with one untimed start (the
+// first pipeline of a process loads the plug-ins), and the repetitions of
+// all benchmarks run in random order unless the command line says
+// otherwise, so that a load that other processes put on the machine for a
+// while falls on both sides of the ratio alike.
 #include <benchmark/benchmark.h>
 #include <gst/gst.h>
 #include <signal.h>
@@ -26,6 +36,8 @@
 #include <cstdlib>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "media_server_process.h"
 #include "pavo_avctrl.h"
@@ -36,6 +48,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr auto kLimit = std::chrono::seconds(30);
+constexpr auto kSwitchGap = std::chrono::milliseconds(500);
 
 // What the plug-in's callback saw last.
 struct Posts {
@@ -116,6 +129,8 @@ Setup& setup() {
 void BM_LibraryStart(benchmark::State& state) {
   Setup& s = setup();
   if (!s.ok) return state.SkipWithError("no media, server or service");
+  if (!s.start()) return state.SkipWithError("no playing post");
+  Pavo_AVCtrl_Stop(s.av);
   for (auto _ : state) {
     const Clock::time_point t0 = Clock::now();
     if (!s.start()) return state.SkipWithError("no playing post");
@@ -124,39 +139,48 @@ void BM_LibraryStart(benchmark::State& state) {
   }
 }
 
+// A playbin3 with the service's fake sinks plays `uri`: the time from the
+// URI set to PLAYING, or a negative time when it failed.
+double bare_start(const std::string& uri) {
+  GstElement* playbin = gst_element_factory_make("playbin3", nullptr);
+  for (const char* property : {"video-sink", "audio-sink", "text-sink"}) {
+    GstElement* sink = gst_element_factory_make("fakesink", nullptr);
+    g_object_set(sink, "sync", TRUE, nullptr);
+    g_object_set(playbin, property, sink, nullptr);
+  }
+  GstBus* bus = gst_element_get_bus(playbin);
+  const Clock::time_point t0 = Clock::now();
+  g_object_set(playbin, "uri", uri.c_str(), nullptr);
+  gst_element_set_state(playbin, GST_STATE_PLAYING);
+  bool playing = false;
+  while (!playing) {
+    GstMessage* m = gst_bus_timed_pop_filtered(
+        bus, 30 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_STATE_CHANGED | GST_MESSAGE_ERROR));
+    if (m == nullptr) break;
+    if (GST_MESSAGE_TYPE(m) == GST_MESSAGE_ERROR) {
+      gst_message_unref(m);
+      break;
+    }
+    GstState old_state, new_state, pending;
+    gst_message_parse_state_changed(m, &old_state, &new_state, &pending);
+    playing = GST_MESSAGE_SRC(m) == GST_OBJECT(playbin) && new_state == GST_STATE_PLAYING;
+    gst_message_unref(m);
+  }
+  const double took = std::chrono::duration<double>(Clock::now() - t0).count();
+  gst_element_set_state(playbin, GST_STATE_NULL);
+  gst_object_unref(bus);
+  gst_object_unref(playbin);
+  return playing ? took : -1.0;
+}
+
 void BM_BarePlaybin3Start(benchmark::State& state) {
   Setup& s = setup();
   if (!s.ok) return state.SkipWithError("no media, server or service");
+  if (bare_start(s.dash) < 0) return state.SkipWithError("playbin3 did not play");
   for (auto _ : state) {
-    GstElement* playbin = gst_element_factory_make("playbin3", nullptr);
-    for (const char* property : {"video-sink", "audio-sink", "text-sink"}) {
-      GstElement* sink = gst_element_factory_make("fakesink", nullptr);
-      g_object_set(sink, "sync", TRUE, nullptr);
-      g_object_set(playbin, property, sink, nullptr);
-    }
-    GstBus* bus = gst_element_get_bus(playbin);
-    const Clock::time_point t0 = Clock::now();
-    g_object_set(playbin, "uri", s.dash.c_str(), nullptr);
-    gst_element_set_state(playbin, GST_STATE_PLAYING);
-    bool playing = false;
-    while (!playing) {
-      GstMessage* m = gst_bus_timed_pop_filtered(
-          bus, 30 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_STATE_CHANGED | GST_MESSAGE_ERROR));
-      if (m == nullptr) break;
-      if (GST_MESSAGE_TYPE(m) == GST_MESSAGE_ERROR) {
-        gst_message_unref(m);
-        break;
-      }
-      GstState old_state, new_state, pending;
-      gst_message_parse_state_changed(m, &old_state, &new_state, &pending);
-      playing = GST_MESSAGE_SRC(m) == GST_OBJECT(playbin) && new_state == GST_STATE_PLAYING;
-      gst_message_unref(m);
-    }
-    state.SetIterationTime(std::chrono::duration<double>(Clock::now() - t0).count());
-    gst_element_set_state(playbin, GST_STATE_NULL);
-    gst_object_unref(bus);
-    gst_object_unref(playbin);
-    if (!playing) return state.SkipWithError("playbin3 did not play");
+    const double took = bare_start(s.dash);
+    if (took < 0) return state.SkipWithError("playbin3 did not play");
+    state.SetIterationTime(took);
   }
 }
 
@@ -171,6 +195,7 @@ void BM_AudioSwitch(benchmark::State& state) {
       std::lock_guard<std::mutex> lock(s.posts.mu);
       before = s.posts.component_changes;
     }
+    std::this_thread::sleep_for(kSwitchGap);
     const Clock::time_point t0 = Clock::now();
     if (Pavo_AVCtrl_SelectComponent(s.av, PAVO_AV_COMPONENT_TYPE_AUDIO, index) != 0 ||
         !s.posts.wait([&] { return s.posts.component_changes > before; })) {
@@ -241,8 +266,18 @@ int main(int argc, char** argv) {
   pavo::bench::use_private_ipc_namespace();
   gst_init(nullptr, nullptr);
   bool smoke = false;
-  for (int i = 1; i < argc; ++i) smoke = smoke || std::string(argv[i]).rfind("--benchmark_min_time=0.0", 0) == 0;
-  const int status = pavo::bench::run_with_ratios(argc, argv, [](pavo::bench::RatioReporter& r) {
+  bool order_given = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    smoke = smoke || arg.rfind("--benchmark_min_time=0.0", 0) == 0;
+    order_given = order_given || arg.rfind("--benchmark_enable_random_interleaving", 0) == 0;
+  }
+  std::vector<char*> args(argv, argv + argc);
+  std::string interleave = "--benchmark_enable_random_interleaving=true";
+  if (!order_given) args.push_back(&interleave[0]);
+  int count = static_cast<int>(args.size());
+  args.push_back(nullptr);
+  const int status = pavo::bench::run_with_ratios(count, args.data(), [](pavo::bench::RatioReporter& r) {
     r.ratio("library start / bare playbin3 start", "BM_LibraryStart/iterations:5/manual_time",
             "BM_BarePlaybin3Start/iterations:5/manual_time", 1.2);
   });

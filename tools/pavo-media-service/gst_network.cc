@@ -6,27 +6,71 @@
 namespace pavo::service {
 namespace {
 
-bool is_adaptive_demuxer(GstElement* element) {
-  GstElementFactory* factory = gst_element_get_factory(element);
-  if (factory == nullptr) return false;
-  const char* klass = gst_element_factory_get_metadata(factory, GST_ELEMENT_METADATA_KLASS);
-  return klass != nullptr && std::strstr(klass, "Demuxer/Adaptive") != nullptr;
+bool has_property(GstElement* element, const char* property) {
+  return g_object_class_find_property(G_OBJECT_GET_CLASS(element), property) != nullptr;
 }
 
-// On the thread that made the element: only sets properties.
-void on_element_setup(GstElement*, GstElement* element, gpointer) {
-  if (!is_adaptive_demuxer(element)) return;
+// decodebin3's multiqueue, which playbin3 makes with itself; null when
+// there is none (a playbin3 built otherwise). Returns a new reference.
+GstElement* decoder_queue(GstElement* playbin) {
+  GstElement* found = nullptr;
+  GstIterator* it = gst_bin_iterate_recurse(GST_BIN(playbin));
+  GValue item = G_VALUE_INIT;
+  while (found == nullptr && gst_iterator_next(it, &item) == GST_ITERATOR_OK) {
+    auto* element = GST_ELEMENT(g_value_get_object(&item));
+    GstElementFactory* factory = gst_element_get_factory(element);
+    if (factory != nullptr && std::strcmp(GST_OBJECT_NAME(factory), "multiqueue") == 0) {
+      found = GST_ELEMENT(gst_object_ref(element));
+    }
+    g_value_reset(&item);
+  }
+  g_value_unset(&item);
+  gst_iterator_free(it);
+  return found;
+}
+
+// On the thread that made the element: only sets properties. `queue` is
+// the decoders' queue (or null), owned by the signal's connection.
+void on_adaptive_setup(GstElement*, GstElement* element, gpointer queue) {
+  if (!is_adaptive_demuxer(GST_OBJECT(element))) return;
   for (const char* property : {"max-buffering-time", "high-watermark-time"}) {
-    if (g_object_class_find_property(G_OBJECT_GET_CLASS(element), property) != nullptr) {
+    if (has_property(element, property)) {
       g_object_set(element, property, static_cast<guint64>(kAdaptiveBufferTime), nullptr);
     }
+  }
+  auto* decoders = static_cast<GstElement*>(queue);
+  if (decoders != nullptr && has_property(decoders, "use-interleave")) {
+    g_object_set(decoders, "use-interleave", FALSE, "max-size-time", static_cast<guint64>(kAdaptiveQueueTime),
+                 nullptr);
+  }
+}
+
+void on_audio_queue_setup(GstElement*, GstElement* element, gpointer) {
+  if (g_str_has_prefix(GST_OBJECT_NAME(element), "aqueue") && has_property(element, "max-size-time")) {
+    g_object_set(element, "max-size-time", static_cast<guint64>(kAudioQueueTime), nullptr);
   }
 }
 
 }  // namespace
 
+bool is_adaptive_demuxer(GstObject* element) {
+  if (element == nullptr || !GST_IS_ELEMENT(element)) return false;
+  GstElementFactory* factory = gst_element_get_factory(GST_ELEMENT(element));
+  if (factory == nullptr) return false;
+  const char* klass = gst_element_factory_get_metadata(factory, GST_ELEMENT_METADATA_KLASS);
+  return klass != nullptr && std::strstr(klass, "Demuxer/Adaptive") != nullptr;
+}
+
 void tune_adaptive_demuxers(GstElement* playbin) {
-  g_signal_connect(playbin, "element-setup", G_CALLBACK(on_element_setup), nullptr);
+  g_signal_connect_data(playbin, "element-setup", G_CALLBACK(on_adaptive_setup), decoder_queue(playbin),
+                        [](gpointer queue, GClosure*) {
+                          if (queue != nullptr) gst_object_unref(queue);
+                        },
+                        GConnectFlags(0));
+}
+
+void shorten_audio_queue(GstElement* playbin) {
+  g_signal_connect(playbin, "element-setup", G_CALLBACK(on_audio_queue_setup), nullptr);
 }
 
 void buffer_progressive_downloads(GstElement* playbin) {

@@ -31,6 +31,7 @@ bool GstPlayer::make_pipeline() {
   }
   show_text(playbin, subtitles_enabled_);
   tune_adaptive_demuxers(playbin);
+  shorten_audio_queue(playbin);
   buffer_progressive_downloads(playbin);
   manifest_ = std::make_shared<ManifestCopy>();
   copy_manifests(playbin, manifest_);
@@ -173,9 +174,12 @@ int GstPlayer::load(const std::string& url, Clock::time_point now, Outbox* out) 
   wanted_[kAudioTrack] = active_[kAudioTrack] = 0;
   wanted_[kSubtitleTrack] = active_[kSubtitleTrack] = -1;
   std::fill(std::begin(announce_), std::end(announce_), false);
+  selection_waits_ = false;
+  selection_settles_ = Clock::time_point();
   loops_left_ = settings_.loop_count;
   play_wanted_ = true;
   seek_pending_ = seek_reported_ = buffering_ = at_edge_ = false;
+  adaptive_percent_ = -1;
   rate_pending_ = speed_ != 1.0;
   pipeline_rate_ = 1.0;
   duration_ = held_position_ = last_position_ = 0.0;
@@ -273,6 +277,7 @@ int GstPlayer::play(Clock::time_point now, Outbox* out) {
       phase_ = Phase::kPrerolling;
       first_preroll_ = true;
       announce_speed_ = true;
+      adaptive_percent_ = -1;
       rate_pending_ = speed_ != 1.0 && speed_ != 0.0;
       pipeline_rate_ = 1.0;
       set_state(kBuffering, out);
@@ -435,11 +440,11 @@ int GstPlayer::change_selection(int kind, int index, Outbox* out) {
     }
     return 0;
   }
-  send_selection();
+  send_selection_settled();
   if (active_[kind] == index) {
     // Already what the pipeline reports (its own choice, whose correction
-    // may still be on the way): in effect now, and the selection just sent
-    // keeps it so.
+    // may still be on the way): in effect now, and the selection sent keeps
+    // it so.
     emit(kTrackChangeEvent, 0, kind, 0.0, out);
     announce_[kind] = false;
     return 0;
@@ -449,10 +454,20 @@ int GstPlayer::change_selection(int kind, int index, Outbox* out) {
   return 0;
 }
 
+void GstPlayer::send_selection_settled() {
+  if (Clock::now() >= selection_settles_) {
+    send_selection();
+    return;
+  }
+  selection_waits_ = true;
+  next_poll_ = std::min(next_poll_, selection_settles_);
+}
+
 // The event's result is not the selection's: an adaptive demuxer takes the
 // event from its first pad and answers false on the others, and playbin3
 // passes that on. streams-selected tells what the pipeline did.
 void GstPlayer::send_selection() {
+  selection_waits_ = false;
   std::vector<std::string> wanted;
   for (int k = kVideoTrack; k <= kSubtitleTrack; ++k) {
     int seen = 0;

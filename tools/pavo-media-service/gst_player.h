@@ -12,7 +12,10 @@
 //              bare playbin3 is, and a pause, seek or speed that comes during
 //              the pre-roll takes it back to PAUSED.
 //   buffering  messages below 100 % pause a playing pipeline (state
-//              buffering) until 100 %.
+//              buffering) until 100 %; an adaptive demuxer's, below
+//              kAdaptivePlayPercent only, and a load of an adaptive stream
+//              plays at the end of its pre-roll when that much is in
+//              (gst_network.h).
 //   seek       a flushing, accurate seek (state seeking); its async-done
 //              gives the seek-completed event with the position reached.
 //              Seeks that come while one is under way wait for it.
@@ -31,7 +34,9 @@
 //              an audio rendition not fetched yet gets its encoding and
 //              channels from the manifest (gst_manifest.h);
 //              selection through select-streams, with the track-change
-//              event once the pipeline reports the streams selected.
+//              event once the pipeline reports the streams selected; a
+//              change asked for within kSelectionSettle of the last one
+//              the pipeline reported waits until then.
 //
 // The bus is polled from advance() every kPollInterval while the pipeline
 // runs (kStartPollInterval while playback starts, where every millisecond
@@ -130,6 +135,13 @@ class GstPlayer final : public PlayerEngine {
   static constexpr double kCarryLimit = 5.0;  // seconds
   // A seek or rate change without its async-done after this is given up.
   static constexpr auto kSeekLimit = std::chrono::seconds(5);
+  // How long after a switch that the pipeline reported a new selection
+  // waits: the adaptive demuxer reports a switch when it hands the new
+  // track on, and the switch reaches the decoders about kAdaptiveQueueTime
+  // later; a second switch made by the demuxer while decodebin3 turns its
+  // output to the first can hang both for good (GStreamer 1.22, seen when
+  // a page toggles the audio track at once).
+  static constexpr auto kSelectionSettle = std::chrono::milliseconds(350);
 
   // What the pipeline is doing on the way to a reported state.
   enum class Phase {
@@ -173,7 +185,9 @@ class GstPlayer final : public PlayerEngine {
   // The error event with `code`, then the error state; the pipeline is shut.
   void fail(int code, Outbox* out);
   void on_eos(Outbox* out);
-  void on_buffering(int percent, Outbox* out);
+  // `adaptive`: the message comes from an adaptive demuxer, whose buffer
+  // is played on down to kAdaptivePlayPercent.
+  void on_buffering(int percent, bool adaptive, Outbox* out);
   void on_collection(GstStreamCollection* collection, Outbox* out);
   void on_streams_selected(GstMessage* message, Outbox* out);
   void read_tracks();
@@ -182,6 +196,8 @@ class GstPlayer final : public PlayerEngine {
   // rendering, with a track change when what the page sees changes.
   void show_subtitles(bool shown, Outbox* out);
   void send_selection();
+  // send_selection() now, or once kSelectionSettle has passed (advance()).
+  void send_selection_settled();
   bool selection_differs() const;
 
   unsigned id_;
@@ -211,6 +227,8 @@ class GstPlayer final : public PlayerEngine {
   // never happen.
   bool subtitles_enabled_ = false;
   bool announce_[3] = {false, false, false};  // the page asked: report what the pipeline selects
+  Clock::time_point selection_settles_;  // a new selection waits until then
+  bool selection_waits_ = false;         // a selection waits for selection_settles_
 
   Phase phase_ = Phase::kNone;
   bool first_preroll_ = false;     // the preroll of a load or of a play after stop
@@ -222,6 +240,7 @@ class GstPlayer final : public PlayerEngine {
   double seek_target_ = 0.0;
   bool rate_pending_ = false;      // speed_ waits for the next seek
   bool buffering_ = false;         // paused for network buffering
+  int adaptive_percent_ = -1;      // the adaptive demuxer's last buffering level; -1 none yet
   bool at_edge_ = false;           // finished at an end of the stream
   double speed_ = 1.0;             // factor; 0 paused by rate
   double pipeline_rate_ = 1.0;     // rate of the pipeline's segment

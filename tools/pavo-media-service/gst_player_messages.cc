@@ -17,6 +17,7 @@ void GstPlayer::advance(Clock::time_point now, Outbox* out) {
     handle(message.get(), out);
   }
   watch_phase(now, out);
+  if (selection_waits_ && now >= selection_settles_) send_selection();
   if (state_ != kIdle && state_ != kStopped && state_ != kError) poll_soon(now);
 }
 
@@ -93,7 +94,7 @@ void GstPlayer::handle(GstMessage* message, Outbox* out) {
     case GST_MESSAGE_BUFFERING: {
       gint percent = 100;
       gst_message_parse_buffering(message, &percent);
-      on_buffering(percent, out);
+      on_buffering(percent, is_adaptive_demuxer(GST_MESSAGE_SRC(message)), out);
       break;
     }
     case GST_MESSAGE_STREAM_COLLECTION: {
@@ -158,13 +159,17 @@ void GstPlayer::on_eos(Outbox* out) {
   set_state(kFinished, out);
 }
 
-void GstPlayer::on_buffering(int percent, Outbox* out) {
+void GstPlayer::on_buffering(int percent, bool adaptive, Outbox* out) {
+  if (adaptive) adaptive_percent_ = percent;
   if (percent < 100) {
     if (buffering_) return;
     if (phase_ == Phase::kConnecting) {
       phase_ = Phase::kPrerolling;
       set_state(kBuffering, out);
     }
+    // An adaptive stream plays on while its demuxer holds enough; during
+    // the pre-roll of a load its end decides (on_async_done).
+    if (adaptive && (percent >= kAdaptivePlayPercent || (first_preroll_ && phase_ == Phase::kPrerolling))) return;
     if (state_ == kPlaying || phase_ == Phase::kStarting) {
       // Network buffering: wait with a paused pipeline.
       buffering_ = true;
@@ -238,6 +243,7 @@ void GstPlayer::on_streams_selected(GstMessage* message, Outbox* out) {
     active_[kind] = selected[kind];
     if (announce_[kind] && (changed || active_[kind] == wanted_[kind])) {
       emit(kTrackChangeEvent, 0, kind, 0.0, out);
+      if (changed) selection_settles_ = Clock::now() + kSelectionSettle;
     }
     if (active_[kind] == wanted_[kind]) announce_[kind] = false;
   }
@@ -273,6 +279,11 @@ void GstPlayer::on_async_done(Outbox* out) {
   switch (phase_) {
     case Phase::kConnecting:
     case Phase::kPrerolling: {
+      if (!buffering_ && adaptive_percent_ >= 0 && adaptive_percent_ < kAdaptivePlayPercent) {
+        // Pre-rolled with too little buffered: playback waits for the buffer.
+        buffering_ = true;
+        if (heading_playing_) change_state(GST_STATE_PAUSED);
+      }
       heading_playing_ = false;  // the pipeline goes on to PLAYING by itself
       duration_ = worker_->call<double>(
           [](GstElement* pipeline) {
