@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -17,19 +18,25 @@ bool GstPlayer::make_pipeline() {
   GstElement* playbin = gst_element_factory_make("playbin3", nullptr);
   if (playbin == nullptr) return false;
   if (config_.fake_sinks) {
-    // Fake sinks that still wait for the clock, so that playback takes the
-    // media's time.
+    // Fake sinks; video and audio still wait for the clock, so that
+    // playback takes the media's time. The text sink shows nothing: it
+    // takes cues as they come and is no sink that the end of the stream or
+    // a pre-roll waits for. As a sink, the text stream of an HLS stream
+    // (WebVTT) held the end back by 3.5 s after a seek (GStreamer 1.22, a
+    // bare playbin3 alike).
     for (const char* property : {"video-sink", "audio-sink", "text-sink"}) {
       GstElement* sink = gst_element_factory_make("fakesink", nullptr);
       if (sink == nullptr) {
         gst_object_unref(gst_object_ref_sink(playbin));
         return false;
       }
-      g_object_set(sink, "sync", TRUE, nullptr);
+      const bool text = std::strcmp(property, "text-sink") == 0;
+      g_object_set(sink, "sync", !text, "async", !text, nullptr);
+      if (text) GST_OBJECT_FLAG_UNSET(sink, GST_ELEMENT_FLAG_SINK);
       g_object_set(playbin, property, sink, nullptr);
     }
   }
-  show_text(playbin, subtitles_enabled_);
+  watch_text(playbin, subtitles_enabled_);
   tune_adaptive_demuxers(playbin);
   shorten_audio_queue(playbin);
   buffer_progressive_downloads(playbin);

@@ -220,11 +220,11 @@ class GstPlayer final : public PlayerEngine {
   int wanted_[3] = {0, 0, -1};           // selection asked of the pipeline
   int active_[3] = {0, 0, -1};           // selection the pipeline reported
   // Subtitles shown. Hidden ones stay selected in the pipeline (wanted_ and
-  // active_ keep the text track) and are only not rendered: taking a text
-  // track of an adaptive stream out of the selection and back in later
-  // leaves the demuxer unable to complete that or any later selection
-  // (GStreamer 1.22), so an audio switch after subtitles off and on would
-  // never happen.
+  // active_ keep the text track) and are only not drawn (gst_streams.h):
+  // taking a text track of an adaptive stream out of the selection and back
+  // in later leaves the demuxer unable to complete that or any later
+  // selection (GStreamer 1.22), so an audio switch after subtitles off and
+  // on would never happen.
   bool subtitles_enabled_ = false;
   bool announce_[3] = {false, false, false};  // the page asked: report what the pipeline selects
   Clock::time_point selection_settles_;  // a new selection waits until then

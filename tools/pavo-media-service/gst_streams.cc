@@ -2,6 +2,8 @@
 
 #include <gst/tag/tag.h>
 
+#include <cstring>
+
 #include "pavo-media-service/protocol.h"
 
 namespace pavo::service {
@@ -67,12 +69,44 @@ Track describe_stream(GstStream* stream, int kind, int number) {
   return t;
 }
 
+namespace {
+
+// The page's wish, kept on the pipeline for the overlays it makes later.
+constexpr char kTextShown[] = "pavo-text-shown";
+
+bool text_shown(GstElement* playbin) {
+  return g_object_get_data(G_OBJECT(playbin), kTextShown) != nullptr;
+}
+
+void silence_if_overlay(GstElement* element, bool shown) {
+  GstElementFactory* factory = gst_element_get_factory(element);
+  if (factory != nullptr && std::strcmp(GST_OBJECT_NAME(factory), "subtitleoverlay") == 0) {
+    g_object_set(element, "silent", !shown, nullptr);
+  }
+}
+
+// On the thread that made the element.
+void on_element_setup(GstElement* playbin, GstElement* element, gpointer) {
+  silence_if_overlay(element, text_shown(playbin));
+}
+
+}  // namespace
+
+void watch_text(GstElement* playbin, bool shown) {
+  g_object_set_data(G_OBJECT(playbin), kTextShown, shown ? playbin : nullptr);
+  g_signal_connect(playbin, "element-setup", G_CALLBACK(on_element_setup), nullptr);
+}
+
 void show_text(GstElement* playbin, bool shown) {
-  constexpr guint kTextFlag = 0x4;  // GST_PLAY_FLAG_TEXT: playbin's flags are no public header
-  guint flags = 0;
-  g_object_get(playbin, "flags", &flags, nullptr);
-  const guint wanted = shown ? (flags | kTextFlag) : (flags & ~kTextFlag);
-  if (wanted != flags) g_object_set(playbin, "flags", wanted, nullptr);
+  g_object_set_data(G_OBJECT(playbin), kTextShown, shown ? playbin : nullptr);
+  GstIterator* it = gst_bin_iterate_recurse(GST_BIN(playbin));
+  GValue item = G_VALUE_INIT;
+  while (gst_iterator_next(it, &item) == GST_ITERATOR_OK) {
+    silence_if_overlay(GST_ELEMENT(g_value_get_object(&item)), shown);
+    g_value_reset(&item);
+  }
+  g_value_unset(&item);
+  gst_iterator_free(it);
 }
 
 }  // namespace pavo::service

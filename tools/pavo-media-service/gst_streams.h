@@ -40,9 +40,14 @@ int media_error(const GError* error);
 // The protocol's track kind of a stream type (kOtherTrack for none of ours).
 int kind_of(GstStreamType type);
 
-// Shows or hides the subtitles that playbin3 renders (its text flag), at
-// once, without a change of the streams it carries. Safe while the pipeline
-// runs; call it on the pipeline's thread (it takes playbin3's locks).
+// Subtitles shown or hidden on the picture that playbin3 renders. The text
+// stream itself stays selected and consumed whatever the page wants: an
+// adaptive demuxer hands all its streams on from one thread, so a text
+// stream that nothing takes (playbin3 without its text flag) stops it and
+// playback with it. Hiding silences the subtitle overlay, also one that
+// playbin3 makes later. watch_text() once per pipeline before it runs;
+// show_text() on the pipeline's thread while it runs.
+void watch_text(GstElement* playbin, bool shown);
 void show_text(GstElement* playbin, bool shown);
 
 // One track record from a stream of the collection: caps name as encoding,
