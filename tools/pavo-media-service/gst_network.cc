@@ -3,6 +3,8 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "pavo-media-service/gst_streams.h"
+
 namespace pavo::service {
 namespace {
 
@@ -14,18 +16,10 @@ bool has_property(GstElement* element, const char* property) {
 // there is none (a playbin3 built otherwise). Returns a new reference.
 GstElement* decoder_queue(GstElement* playbin) {
   GstElement* found = nullptr;
-  GstIterator* it = gst_bin_iterate_recurse(GST_BIN(playbin));
-  GValue item = G_VALUE_INIT;
-  while (found == nullptr && gst_iterator_next(it, &item) == GST_ITERATOR_OK) {
-    auto* element = GST_ELEMENT(g_value_get_object(&item));
-    GstElementFactory* factory = gst_element_get_factory(element);
-    if (factory != nullptr && std::strcmp(GST_OBJECT_NAME(factory), "multiqueue") == 0) {
-      found = GST_ELEMENT(gst_object_ref(element));
-    }
-    g_value_reset(&item);
-  }
-  g_value_unset(&item);
-  gst_iterator_free(it);
+  for_each_element(playbin, [&found](GstElement* element) {
+    if (made_by(element, "multiqueue")) found = GST_ELEMENT(gst_object_ref(element));
+    return found == nullptr;
+  });
   return found;
 }
 

@@ -69,6 +69,23 @@ Track describe_stream(GstStream* stream, int kind, int number) {
   return t;
 }
 
+bool made_by(GstElement* element, const char* factory) {
+  GstElementFactory* made = gst_element_get_factory(element);
+  return made != nullptr && std::strcmp(GST_OBJECT_NAME(made), factory) == 0;
+}
+
+void for_each_element(GstElement* bin, const std::function<bool(GstElement*)>& visit) {
+  GstIterator* it = gst_bin_iterate_recurse(GST_BIN(bin));
+  GValue item = G_VALUE_INIT;
+  bool more = true;
+  while (more && gst_iterator_next(it, &item) == GST_ITERATOR_OK) {
+    more = visit(GST_ELEMENT(g_value_get_object(&item)));
+    g_value_reset(&item);
+  }
+  g_value_unset(&item);
+  gst_iterator_free(it);
+}
+
 namespace {
 
 // The page's wish, kept on the pipeline for the overlays it makes later.
@@ -79,10 +96,7 @@ bool text_shown(GstElement* playbin) {
 }
 
 void silence_if_overlay(GstElement* element, bool shown) {
-  GstElementFactory* factory = gst_element_get_factory(element);
-  if (factory != nullptr && std::strcmp(GST_OBJECT_NAME(factory), "subtitleoverlay") == 0) {
-    g_object_set(element, "silent", !shown, nullptr);
-  }
+  if (made_by(element, "subtitleoverlay")) g_object_set(element, "silent", !shown, nullptr);
 }
 
 // On the thread that made the element.
@@ -99,14 +113,10 @@ void watch_text(GstElement* playbin, bool shown) {
 
 void show_text(GstElement* playbin, bool shown) {
   g_object_set_data(G_OBJECT(playbin), kTextShown, shown ? playbin : nullptr);
-  GstIterator* it = gst_bin_iterate_recurse(GST_BIN(playbin));
-  GValue item = G_VALUE_INIT;
-  while (gst_iterator_next(it, &item) == GST_ITERATOR_OK) {
-    silence_if_overlay(GST_ELEMENT(g_value_get_object(&item)), shown);
-    g_value_reset(&item);
-  }
-  g_value_unset(&item);
-  gst_iterator_free(it);
+  for_each_element(playbin, [shown](GstElement* element) {
+    silence_if_overlay(element, shown);
+    return true;
+  });
 }
 
 }  // namespace pavo::service

@@ -6,6 +6,7 @@
 
 #include <gst/gst.h>
 
+#include <functional>
 #include <memory>
 
 #include "pavo-media-service/catalogue.h"
@@ -39,6 +40,13 @@ int media_error(const GError* error);
 
 // The protocol's track kind of a stream type (kOtherTrack for none of ours).
 int kind_of(GstStreamType type);
+
+// Whether `element` was made by the factory named `factory`.
+bool made_by(GstElement* element, const char* factory);
+
+// Calls `visit` for every element inside `bin`, at any depth, until it
+// returns false. Elements added meanwhile may be missed.
+void for_each_element(GstElement* bin, const std::function<bool(GstElement*)>& visit);
 
 // Subtitles shown or hidden on the picture that playbin3 renders. The text
 // stream itself stays selected and consumed whatever the page wants: an
