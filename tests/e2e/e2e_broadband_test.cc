@@ -157,7 +157,7 @@ TEST_F(Broadband, HlsAndProgressiveFilesSeekAndFinish) {
     const Clock::time_point t0 = Clock::now();
     ASSERT_GE(wait_state(PAVO_AVCTRL_PLAYSTATE_FINISHED, from), 0) << log_.dump();
     const double took = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
-  EXPECT_NEAR(took, kMediaMs - p0, 700.0);
+    EXPECT_NEAR(took, kMediaMs - p0, 700.0);
   }
 }
 

@@ -37,13 +37,15 @@
 //              event once the pipeline reports the streams selected; a
 //              change asked for within kSelectionSettle of the last one
 //              the pipeline reported waits until then.
+//   subtitles  on and off show and hide them on the picture; the text
+//              track stays selected (subtitles_enabled_, gst_streams.h).
 //
 // The bus is polled from advance() every kPollInterval while the pipeline
 // runs (kStartPollInterval while playback starts, where every millisecond
-// of latency delays the first picture): every call of the engine, bus handling included, runs under the
-// service's lock, so no GStreamer thread ever waits for that lock (a bus
-// handler on a streaming thread could, while a flushing seek under the
-// lock waits for that thread).
+// of latency delays the first picture): every call of the engine, bus
+// handling included, runs under the service's lock, so no GStreamer thread
+// ever waits for that lock (a bus handler on a streaming thread could,
+// while a flushing seek under the lock waits for that thread).
 //
 // Nothing that can wait on a streaming thread runs under that lock either:
 // state changes, seeks, queries and events go to the player's pipeline
